@@ -71,6 +71,9 @@ struct DiskState {
 QMTWIN_API bool load_text(const std::string &text, std::string *why = nullptr);
 QMTWIN_API bool load_file(const std::string &path, std::string *why = nullptr);
 QMTWIN_API void reset();
+/* Applies one statement of the description format to the current world (nothing is reset), e.g.
+ * "disk 1 delay 1500" or "volume GUID disks 0 1". Returns false and fills *why when invalid. */
+QMTWIN_API bool apply(const std::string &statement, std::string *why = nullptr);
 
 /* Volumes: a GUID text (without braces) and its disks in order. */
 QMTWIN_API void set_volume(const std::string &guid, const std::vector<DWORD> &disks);
