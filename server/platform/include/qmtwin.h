@@ -220,6 +220,18 @@ QMTWIN_API HGLOBAL WINAPI LoadResource(HMODULE module, HRSRC resource);
 QMTWIN_API LPVOID WINAPI LockResource(HGLOBAL resource);
 QMTWIN_API DWORD WINAPI SizeofResource(HMODULE module, HRSRC resource);
 
+/* Modules. LoadLibraryA runs the module's exported DllMain (if it has one) for the process
+ * attach, and fails with 1114 when it reports failure, as the Windows loader does. */
+#define ERROR_MOD_NOT_FOUND 126
+#define ERROR_PROC_NOT_FOUND 127
+#define ERROR_DLL_INIT_FAILED 1114
+typedef void (*FARPROC)(void);
+QMTWIN_API HMODULE WINAPI LoadLibraryA(LPCSTR path);
+QMTWIN_API FARPROC WINAPI GetProcAddress(HMODULE module, LPCSTR name);
+QMTWIN_API BOOL WINAPI FreeLibrary(HMODULE module);
+/* The loader's message for the last failed LoadLibraryA/GetProcAddress of this thread. */
+QMTWIN_API const char *qmtp_loader_message(void);
+
 /* Device I/O on volumes ("\\?\Volume{GUID}") and disks ("\\.\PHYSICALDRIVEn"). */
 QMTWIN_API HANDLE WINAPI CreateFileA(LPCSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES sa,
                                      DWORD disposition, DWORD flags, HANDLE template_file);
