@@ -59,6 +59,10 @@ void set_status_text(int status, const std::string &text);
 bool string_table_loaded();
 bool log_open();
 
+// The fixed handles QmtLogOpen and QmtLoadStringTable hand out.
+HANDLE log_handle();
+HANDLE string_table_handle();
+
 // ---- qmtxml ----
 // Values answered by xmllib_get_value (kind 1 for ints, kind 0 for texts; a text longer than the
 // caller's size fails with 122 and leaves *size as the needed size).
@@ -83,5 +87,20 @@ std::vector<int> progress(const std::string &type, const std::string &name);
 
 // ---- qmtutil ----
 void set_hostname(const std::string &name);
+
+// Call.args of each function, fields joined by '|':
+//   QmtLogOpen "module|level|size|reserved|mutex", QmtLogSetSettings "module|level|size|reserved",
+//   QmtLogGetSettings "module|size|reserved" or "module|nosize|reserved" (size pointer NULL),
+//   QmtLoadStringTable "module|reserved", QmtGetStatusText "status|size|reserved",
+//   QmtLogClose / QmtUnloadStringTable "" (the handle is in Call.log),
+//   xmllib_init / _load_policy / _unload_policy the type, xmllib_(re)load_config the mode,
+//   xmllib_get_value / _enum_value the key, shmrm_setdescript "type|name|text|length",
+//   shmrm_setmonprogress "type|name|progress", cs_gethostname "size|flag" (the log in Call.log),
+//   every other function "".
+// service_calls() leaves out QmtLogWrite and QmtLogGetSettings (asked once per trace line).
+// Releasing what is not held (close, unload, term, detach) returns 5 and changes nothing; a
+// missing key returns 2, a value of the other kind 13, a buffer too small 122; QmtGetStatusText
+// with a handle that is not the loaded table returns 6. QmtLogOpen does not change the settings.
+// calls() returns the live list: read it only while no other thread calls a double.
 
 }  // namespace doubles
