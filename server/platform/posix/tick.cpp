@@ -1,0 +1,31 @@
+// The millisecond tick: the monotonic clock plus a test-controlled offset, wrapping at 2^32.
+#include "internal.h"
+#include "qmtplat.h"
+
+#include <atomic>
+#include <time.h>
+
+namespace {
+
+std::atomic<DWORD> g_offset{0};
+
+DWORD monotonic_ms() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    const uint64_t ms = static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
+    return static_cast<DWORD>(ms);
+}
+
+} // namespace
+
+extern "C" {
+
+DWORD WINAPI GetTickCount(void) { return monotonic_ms() + g_offset.load(std::memory_order_relaxed); }
+
+void qmtp_tick_set_offset(DWORD offset) { g_offset.store(offset, std::memory_order_relaxed); }
+
+DWORD qmtp_tick_get_offset(void) { return g_offset.load(std::memory_order_relaxed); }
+
+void qmtp_tick_set(DWORD value) { g_offset.store(value - monotonic_ms(), std::memory_order_relaxed); }
+
+} // extern "C"
