@@ -12,6 +12,7 @@
 #include "qmtutil.h"
 #include "qmtxml.h"
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "qmtsdw.h"
@@ -159,9 +160,20 @@ int32_t SdwGetPolicy(void);
 int32_t SdwGetConfig(void);
 int32_t SdwReloadConfig(SDW_RSC *rsc);
 int32_t SdwGetNpConfig(void);
+/* Shared steps of the two table builders. */
+int32_t SdwGetDelayRatio(const char *key);                            /* 0 or 99, logs */
+int32_t SdwEnumNames(const char *key, char **names, uint32_t *count); /* 0, 7 or 99, logs */
+int32_t SdwAllocTable(uint32_t count);                                /* 0 or 7, logs */
+void SdwFreeTable(void);
 
 /* ---- Disk checking ------------------------------------------------------------------------- */
 int32_t SdwGetLUN(SDW_RSC *rsc, const char *guid);
+/* Disk number of extent i; the buffer holds as many extents as its header counts. */
+static inline DWORD SdwExtentDisk(const VOLUME_DISK_EXTENTS *extents, DWORD i)
+{
+    const DISK_EXTENT *first = (const DISK_EXTENT *)((const BYTE *)extents + offsetof(VOLUME_DISK_EXTENTS, Extents));
+    return first[i].DiskNumber;
+}
 int32_t SdwMonitor(SDW_RSC *rsc);
 
 /* ---- Network-partition worker and its control ---------------------------------------------- */
