@@ -20,6 +20,10 @@ QMTWIN_API void qmtp_tick_set_offset(DWORD offset);
 QMTWIN_API DWORD qmtp_tick_get_offset(void);
 /* Sets the offset so that GetTickCount() reads `value` now. */
 QMTWIN_API void qmtp_tick_set(DWORD value);
+/* Stops the clock: GetTickCount() returns `value` until qmtp_tick_thaw(), which lets it run on
+ * from there. Waits and timers keep real time. */
+QMTWIN_API void qmtp_tick_freeze(DWORD value);
+QMTWIN_API void qmtp_tick_thaw(void);
 
 /* ---- Fault injection -----------------------------------------------------------------------
  * qmtp_fault_set("CreateEventA", 3, 8) makes the third call of CreateEventA from now on fail

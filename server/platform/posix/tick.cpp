@@ -8,6 +8,9 @@
 namespace {
 
 std::atomic<DWORD> g_offset{0};
+// While frozen, every reading is exactly g_frozen_value: boundary tests need the exact millisecond.
+std::atomic<bool> g_frozen{false};
+std::atomic<DWORD> g_frozen_value{0};
 
 DWORD monotonic_ms() {
     timespec ts{};
@@ -20,7 +23,19 @@ DWORD monotonic_ms() {
 
 extern "C" {
 
-DWORD WINAPI GetTickCount(void) { return monotonic_ms() + g_offset.load(std::memory_order_relaxed); }
+DWORD WINAPI GetTickCount(void) {
+    if (g_frozen.load(std::memory_order_acquire)) return g_frozen_value.load(std::memory_order_relaxed);
+    return monotonic_ms() + g_offset.load(std::memory_order_relaxed);
+}
+
+void qmtp_tick_freeze(DWORD value) {
+    g_frozen_value.store(value, std::memory_order_relaxed);
+    g_frozen.store(true, std::memory_order_release);
+}
+
+void qmtp_tick_thaw(void) {
+    if (g_frozen.exchange(false)) qmtp_tick_set(g_frozen_value.load(std::memory_order_relaxed));
+}
 
 void qmtp_tick_set_offset(DWORD offset) { g_offset.store(offset, std::memory_order_relaxed); }
 
