@@ -70,8 +70,10 @@ int record(State &s, const char *function, std::string args, HANDLE log = nullpt
     c.function = function;
     c.args = std::move(args);
     c.log = log;
+    // A failure may name the function alone, or the function with its arguments: "f(args)".
+    auto it = s.failures.find(std::string(function) + "(" + c.args + ")");
+    if (it == s.failures.end()) it = s.failures.find(function);
     s.calls.push_back(std::move(c));
-    auto it = s.failures.find(function);
     if (it == s.failures.end()) return 0;
     int result = it->second.first;
     if (--it->second.second <= 0) s.failures.erase(it);

@@ -45,6 +45,8 @@ std::vector<std::string> service_calls();
 void clear_calls();
 
 // Makes the next call of `function` (exact name) return `result` (non-zero); `times` calls in a row.
+// `function` may also carry the call's arguments as service_calls() shows them, e.g.
+// "xmllib_load_policy(rm)", to fail only that call.
 void fail(const std::string &function, int result, int times = 1);
 // xmllib_get_value / xmllib_enum_value on this exact key return `result`.
 void fail_key(const std::string &key, int result);
