@@ -1,0 +1,79 @@
+// qmtrm.h - pieces of the resource monitor shared by its modes (run, script, demo).
+#pragma once
+
+#include "qmtrm_plugin.h"
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace qmtrm {
+
+// Exit statuses of qmtrm (docs/qmtrm.md lists them).
+enum ExitCode : int {
+    kExitOk = 0,
+    kExitCheckFailed = 1,  // script: an expect failed; demo: a step of the timeline was not seen
+    kExitUsage = 2,        // bad command line, or a script line that is not understood
+    kExitPlugin = 3,       // the plug-in or one of its exports could not be loaded
+    kExitStuck = 4,        // a pass or an async call was still running when the host had to end
+    kExitInit = 5,         // the service could not be initialised, or the environment not prepared
+};
+
+// Settings a mode exports to the environment before the plug-in is loaded.
+struct EnvOptions {
+    std::string conf_dir;   // QMT_CONF_DIR
+    std::string sim_file;   // QMT_SIM_FILE
+    std::string log_dir;    // QMT_LOG_DIR
+    std::string shm_name;   // QMT_SHM_NAME
+    std::string host;       // QMT_HOSTNAME
+    std::string plugin;     // --plugin
+};
+// Exports the non-empty settings; creates the log folder when it is missing.
+bool apply_env(const EnvOptions &env, std::string *why);
+
+// Status texts from the log library's message table of the plug-in ("sdw").
+void load_status_texts();
+void unload_status_texts();
+std::string status_text(DWORD status);
+
+enum class Service { Sdw, Disknp };
+const char *service_name(Service service);
+
+// What the host needs of one configured resource to schedule it.
+struct ResourceConfig {
+    std::string name;
+    int interval_s = 60;  // polling interval
+    int timeout_s = 300;  // polling time-out; times the ratio, the limit of one pass
+};
+// Reads the resource list and the per-resource timing from the cluster configuration.
+bool read_resources(Service service, std::vector<ResourceConfig> *out, std::string *why);
+
+// Time-out ratio of the cluster shared memory, at least 1.
+int current_ratio();
+
+// Timeline output: every line gets a time stamp (wall clock, or seconds since start), goes to
+// standard output and, when a log is open, to the host's own log.
+class Reporter {
+public:
+    explicit Reporter(bool elapsed_stamps);
+    ~Reporter();
+    void open_log();  // the host's log module "rm"
+    void line(const std::string &resource, const std::string &text);
+    double elapsed() const;
+
+private:
+    std::string stamp() const;
+    bool elapsed_;
+    std::chrono::steady_clock::time_point start_;
+    std::mutex mutex_;
+    HANDLE log_ = nullptr;
+};
+
+int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_ms, double duration_s,
+             bool verbose);
+int script_main(const std::string &file, const EnvOptions &env);
+int demo_main(Service service, double duration_s, bool verbose, const std::string &plugin);
+
+} // namespace qmtrm

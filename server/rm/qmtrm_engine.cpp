@@ -1,0 +1,254 @@
+// qmtrm_engine.cpp - the polling engine of `qmtrm run` and `qmtrm demo`.
+#include "qmtrm_engine.h"
+
+#include <cstdio>
+
+namespace qmtrm {
+
+namespace {
+
+constexpr int kStartRequest = 0x110;
+constexpr int kStopRequest = 0x111;
+
+std::string describe(DWORD status)
+{
+    std::string text = status_text(status);
+    std::string out = "status " + std::to_string(status);
+    if (!text.empty())
+        out += " (" + text + ")";
+    return out;
+}
+
+std::string seconds(double s)
+{
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, "%.1f s", s);
+    return buffer;
+}
+
+} // namespace
+
+Engine::Engine(const Plugin &plugin, Service service, std::vector<ResourceConfig> resources, Reporter &reporter,
+               int threads, bool verbose)
+    : plugin_(plugin), service_(service), reporter_(reporter), base_threads_(threads < 1 ? 1 : threads),
+      verbose_(verbose)
+{
+    for (auto &config : resources)
+        resources_.push_back(Resource{config});
+    if (static_cast<size_t>(base_threads_) > resources_.size() && !resources_.empty())
+        base_threads_ = static_cast<int>(resources_.size());
+}
+
+Engine::~Engine()
+{
+    {
+        std::lock_guard lock(mutex_);
+        ending_ = true;
+    }
+    wake_.notify_all();
+    for (auto &thread : threads_)
+        if (thread.joinable())
+            thread.join();
+}
+
+DWORD Engine::start()
+{
+    const char *type = service_name(service_);
+    DWORD rc = service_ == Service::Sdw ? plugin_.InitRscDll("qmtsdw", 0, 0) : plugin_.InitNpRscDll("qmtsdw", 0, 0);
+    reporter_.line("", std::string(service_ == Service::Sdw ? "InitRscDll" : "InitNpRscDll") + " -> " + describe(rc));
+    if (rc != 0)
+        return rc;
+    for (auto &rsc : resources_) {
+        DWORD st = service_ == Service::Sdw ? plugin_.MontrStatusChange(type, rsc.config.name.c_str(), kStartRequest)
+                                            : plugin_.NpMontrStatusChange(type, rsc.config.name.c_str(), kStartRequest);
+        reporter_.line(rsc.config.name, "start request -> " + describe(st) + ", every " +
+                                            std::to_string(rsc.config.interval_s) + " s, time-out " +
+                                            std::to_string(rsc.config.timeout_s) + " s");
+    }
+    std::lock_guard lock(mutex_);
+    running_ = true;
+    Clock::time_point now = Clock::now();
+    for (auto &rsc : resources_)
+        rsc.next_due = now;
+    for (int i = 0; i < base_threads_; ++i)
+        spawn_worker();
+    return 0;
+}
+
+void Engine::spawn_worker()
+{
+    threads_.emplace_back([this] { worker_loop(); });
+}
+
+void Engine::step()
+{
+    std::vector<std::string> overdue;
+    int ratio = current_ratio();
+    {
+        std::lock_guard lock(mutex_);
+        if (!running_)
+            return;
+        Clock::time_point now = Clock::now();
+        bool queued = false;
+        for (size_t i = 0; i < resources_.size(); ++i) {
+            Resource &rsc = resources_[i];
+            if (rsc.busy) {
+                auto limit = std::chrono::seconds(static_cast<int64_t>(rsc.config.timeout_s) * ratio);
+                if (!rsc.overdue && now - rsc.started >= limit) {
+                    rsc.overdue = true;
+                    ++stuck_;
+                    ++overdue_reports_;
+                    overdue.push_back(rsc.config.name);
+                    overdue.push_back("OVERDUE: pass running for " +
+                                      seconds(std::chrono::duration<double>(now - rsc.started).count()) +
+                                      ", beyond its time-out of " + std::to_string(rsc.config.timeout_s * ratio) +
+                                      " s; not polled again until it returns");
+                    // The stuck thread no longer counts: keep the pool's strength for the others.
+                    if (static_cast<int>(threads_.size()) - stuck_ < base_threads_)
+                        spawn_worker();
+                }
+                continue;
+            }
+            if (now >= rsc.next_due) {
+                rsc.busy = true;
+                rsc.started = now;
+                queue_.push_back(i);
+                queued = true;
+            }
+        }
+        if (queued)
+            wake_.notify_all();
+    }
+    for (size_t i = 0; i + 1 < overdue.size(); i += 2)
+        reporter_.line(overdue[i], overdue[i + 1]);
+}
+
+void Engine::worker_loop()
+{
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        wake_.wait(lock, [this] { return ending_ || !queue_.empty(); });
+        if (queue_.empty())
+            return;
+        size_t index = queue_.front();
+        queue_.pop_front();
+        lock.unlock();
+        run_pass(index);
+        lock.lock();
+    }
+}
+
+void Engine::run_pass(size_t index)
+{
+    const char *type = service_name(service_);
+    const std::string name = resources_[index].config.name;  // never changes after construction
+    DWORD status;
+    BYTE check_point = 0;
+    if (service_ == Service::Sdw) {
+        status = plugin_.DoMontr(type, name.c_str());
+    } else {
+        status = plugin_.DoNpMontr(type, name.c_str());
+        check_point = plugin_.GetCheckPoint(name.c_str());
+    }
+    Clock::time_point now = Clock::now();
+    std::vector<std::string> lines;
+    {
+        std::lock_guard lock(mutex_);
+        Resource &rsc = resources_[index];
+        ++passes_;
+        statuses_.insert(status);
+        double took = std::chrono::duration<double>(now - rsc.started).count();
+        if (rsc.overdue) {
+            --stuck_;
+            rsc.overdue = false;
+            lines.push_back("overdue pass returned after " + seconds(took) + ": " + describe(status));
+        }
+        if (!rsc.known || rsc.status != status) {
+            lines.push_back((rsc.known ? "status " + std::to_string(rsc.status) + " -> " : std::string()) +
+                            describe(status));
+        } else if (verbose_) {
+            lines.push_back("pass " + seconds(took) + ": " + describe(status));
+        }
+        if (service_ == Service::Disknp && (check_point != rsc.check_point || !rsc.known) && verbose_)
+            lines.push_back("check point " + std::to_string(check_point));
+        rsc.known = true;
+        rsc.status = status;
+        rsc.check_point = check_point;
+        rsc.busy = false;
+        auto interval = std::chrono::seconds(rsc.config.interval_s);
+        rsc.next_due = rsc.started + interval > now ? rsc.started + interval : now;
+    }
+    settled_.notify_all();
+    for (auto &line : lines)
+        reporter_.line(name, line);
+}
+
+DWORD Engine::control(const std::string &name, int ctrl)
+{
+    const char *type = service_name(service_);
+    return service_ == Service::Sdw ? plugin_.MontrStatusChange(type, name.c_str(), ctrl)
+                                    : plugin_.NpMontrStatusChange(type, name.c_str(), ctrl);
+}
+
+bool Engine::stop(int stop_wait_ms, std::vector<std::string> *stuck)
+{
+    {
+        std::lock_guard lock(mutex_);
+        running_ = false;
+        // Queued but not begun: nothing to wait for.
+        for (size_t i : queue_)
+            resources_[i].busy = false;
+        queue_.clear();
+    }
+    for (auto &rsc : resources_) {
+        DWORD st = control(rsc.config.name, kStopRequest);
+        reporter_.line(rsc.config.name, "stop request -> " + describe(st));
+    }
+    std::unique_lock lock(mutex_);
+    settled_.wait_for(lock, std::chrono::milliseconds(stop_wait_ms), [this] {
+        for (auto &rsc : resources_)
+            if (rsc.busy)
+                return false;
+        return true;
+    });
+    stuck->clear();
+    for (auto &rsc : resources_)
+        if (rsc.busy)
+            stuck->push_back(rsc.config.name);
+    lock.unlock();
+    if (!stuck->empty())
+        return false;
+    DWORD rc = service_ == Service::Sdw ? plugin_.UninitRscDll("qmtsdw", 0, 0) : plugin_.UninitNpRscDll("qmtsdw", 0, 0);
+    reporter_.line("", std::string(service_ == Service::Sdw ? "UninitRscDll" : "UninitNpRscDll") + " -> " + describe(rc));
+    return true;
+}
+
+uint64_t Engine::passes() const
+{
+    std::lock_guard lock(mutex_);
+    return passes_;
+}
+
+int Engine::workers() const
+{
+    std::lock_guard lock(mutex_);
+    return static_cast<int>(threads_.size());
+}
+
+} // namespace qmtrm
+
+namespace qmtrm {
+
+uint64_t Engine::overdue_reports() const
+{
+    std::lock_guard lock(mutex_);
+    return overdue_reports_;
+}
+
+std::set<DWORD> Engine::statuses_seen() const
+{
+    std::lock_guard lock(mutex_);
+    return statuses_;
+}
+
+} // namespace qmtrm

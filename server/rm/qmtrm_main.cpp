@@ -1,0 +1,80 @@
+// qmtrm_main.cpp - the resource monitor's command line.
+#include "qmtrm.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+
+namespace {
+
+void add_env_options(CLI::App *cmd, qmtrm::EnvOptions *env)
+{
+    cmd->add_option("--conf-dir", env->conf_dir, "Cluster configuration folder (sets QMT_CONF_DIR)");
+    cmd->add_option("--sim", env->sim_file, "Simulated storage description (sets QMT_SIM_FILE)");
+    cmd->add_option("--log-dir", env->log_dir, "Log folder (sets QMT_LOG_DIR)");
+    cmd->add_option("--shm-name", env->shm_name, "Shared-memory name prefix (sets QMT_SHM_NAME)");
+    cmd->add_option("--host", env->host, "This server's name (sets QMT_HOSTNAME)");
+    cmd->add_option("--plugin", env->plugin,
+                    "Plug-in file (default: $QMT_PLUGIN, else ../lib/libqmtsdw.so beside the executable)");
+}
+
+qmtrm::Service to_service(const std::string &name)
+{
+    return name == "disknp" ? qmtrm::Service::Disknp : qmtrm::Service::Sdw;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app{"qmtrm - resource monitor host of the qmtsdw disk-monitor plug-in"};
+    app.require_subcommand(1);
+    app.footer("Exit statuses: 0 done; 1 a check failed (script expect, demo step); 2 bad command line or "
+               "script line; 3 plug-in or export not loaded; 4 left with a pass still running; "
+               "5 service or environment not initialised.");
+
+    qmtrm::EnvOptions env;
+    std::string service = "sdw";
+    int threads = 4;
+    int stop_wait_ms = 5000;
+    double run_duration = 0;
+    bool verbose = false;
+    CLI::App *run = app.add_subcommand("run", "Initialise a service, start and poll every configured resource "
+                                              "until SIGINT or SIGTERM");
+    add_env_options(run, &env);
+    run->add_option("--service", service, "Service to run")->check(CLI::IsMember({"sdw", "disknp"}));
+    run->add_option("--threads", threads, "Threads that run passes (more are added while passes are overdue)")
+        ->check(CLI::Range(1, 256));
+    run->add_option("--stop-wait", stop_wait_ms, "At stop, how long to wait for running passes (ms)")
+        ->check(CLI::Range(0, 600000));
+    run->add_option("--duration", run_duration, "Stop by itself after this many seconds (0: run until a signal)")
+        ->check(CLI::Range(0.0, 1e9));
+    run->add_flag("--verbose", verbose, "Print every pass, not only status changes");
+
+    std::string script_file;
+    CLI::App *script = app.add_subcommand("script", "Run export calls from a script file, one call a line "
+                                                    "(FILE or - for standard input)");
+    add_env_options(script, &env);
+    script->add_option("file", script_file, "Script file, or - for standard input")->required();
+
+    double demo_duration = 20;
+    std::string demo_plugin;
+    CLI::App *demo = app.add_subcommand("demo", "Self-contained demonstration on simulated disks");
+    demo->add_option("--duration", demo_duration, "Length of the demonstration in seconds")
+        ->check(CLI::Range(15.0, 600.0));
+    demo->add_flag("--verbose", verbose, "Print every pass and the plug-in's log lines");
+    demo->add_option("--service", service, "Service to demonstrate")->check(CLI::IsMember({"sdw", "disknp"}));
+    demo->add_option("--plugin", demo_plugin, "Plug-in file");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        int rc = app.exit(e);
+        return rc == 0 ? qmtrm::kExitOk : qmtrm::kExitUsage;
+    }
+    if (*run)
+        return qmtrm::run_main(to_service(service), env, threads, stop_wait_ms, run_duration, verbose);
+    if (*script)
+        return qmtrm::script_main(script_file, env);
+    return qmtrm::demo_main(to_service(service), demo_duration, verbose, demo_plugin);
+}

@@ -1,0 +1,82 @@
+// qmtrm_plugin.cpp - loading the plug-in by path and resolving its exports by name.
+#include "qmtrm_plugin.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+
+namespace qmtrm {
+
+std::string plugin_path(const std::string &option)
+{
+    if (!option.empty())
+        return option;
+    if (const char *env = std::getenv("QMT_PLUGIN"); env != nullptr && *env != '\0')
+        return env;
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0)
+        return "../lib/libqmtsdw.so";
+    self[n] = '\0';
+    std::string dir(self);
+    dir.erase(dir.find_last_of('/') + 1);
+    return dir + "../lib/libqmtsdw.so";
+}
+
+namespace {
+
+template <typename Fn>
+bool resolve(Plugin *plugin, const char *name, Fn *slot, std::string *why)
+{
+    dlerror();
+    void *symbol = dlsym(plugin->handle, name);
+    if (symbol == nullptr) {
+        const char *err = dlerror();
+        *why = plugin->path + ": export " + name + " not found: " + (err ? err : "null symbol");
+        return false;
+    }
+    *slot = reinterpret_cast<Fn>(symbol);
+    return true;
+}
+
+} // namespace
+
+bool load_plugin(const std::string &path, Plugin *plugin, std::string *why)
+{
+    *plugin = Plugin{};
+    plugin->path = path;
+    // RTLD_NOW: a plug-in with an unresolved import is refused here, not in the middle of a pass.
+    plugin->handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (plugin->handle == nullptr) {
+        const char *err = dlerror();
+        *why = path + ": cannot load: " + (err ? err : "unknown error");
+        return false;
+    }
+    bool ok = resolve(plugin, "InitRscDll", &plugin->InitRscDll, why) &&
+              resolve(plugin, "UninitRscDll", &plugin->UninitRscDll, why) &&
+              resolve(plugin, "DoMontr", &plugin->DoMontr, why) &&
+              resolve(plugin, "MontrStatusChange", &plugin->MontrStatusChange, why) &&
+              resolve(plugin, "InitNpRscDll", &plugin->InitNpRscDll, why) &&
+              resolve(plugin, "UninitNpRscDll", &plugin->UninitNpRscDll, why) &&
+              resolve(plugin, "DoNpMontr", &plugin->DoNpMontr, why) &&
+              resolve(plugin, "NpMontrStatusChange", &plugin->NpMontrStatusChange, why) &&
+              resolve(plugin, "GetCheckPoint", &plugin->GetCheckPoint, why);
+    if (!ok) {
+        dlclose(plugin->handle);
+        std::string keep = path;
+        *plugin = Plugin{};
+        plugin->path = keep;
+    }
+    return ok;
+}
+
+void unload_plugin(Plugin *plugin)
+{
+    if (plugin->handle != nullptr)
+        dlclose(plugin->handle);
+    plugin->handle = nullptr;
+}
+
+} // namespace qmtrm
