@@ -1,0 +1,335 @@
+// Simulated storage, answers that come later from the backend's thread: pending probes, their
+// completion, GetOverlappedResult, CancelIo and CloseHandle on pending probes, and the promise
+// that nothing touches an OVERLAPPED or its event once the caller has let go of them.
+#include "storage_fixture.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+using namespace storage_test;
+namespace sim = qmtp::sim;
+
+namespace {
+
+constexpr DWORD kBound = 10000; // ms; every wait of these tests ends by then
+
+// One probe's OVERLAPPED and event, on the heap so that freeing them early is seen by ASan.
+struct Probe {
+    OVERLAPPED *ov = nullptr;
+    HANDLE ev = nullptr;
+    Probe() {
+        ov = new OVERLAPPED{};
+        ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        ov->hEvent = ev;
+    }
+    ~Probe() { free(); }
+    void free() {
+        if (ev) CloseHandle(ev);
+        delete ov;
+        ev = nullptr;
+        ov = nullptr;
+    }
+    BOOL issue(HANDLE disk) {
+        SetLastError(0);
+        return DeviceIoControl(disk, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, ov);
+    }
+};
+
+bool wait_until(const std::function<bool()> &done) {
+    for (DWORD waited = 0; waited < kBound; waited += 5) {
+        if (done()) return true;
+        Sleep(5);
+    }
+    return done();
+}
+
+using PendingProbe = SimTest;
+
+TEST_F(PendingProbe, DelayCompletesLaterAndSetsTheEvent) {
+    load("disk 1 delay 50\n");
+    HANDLE d = open_disk(1);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    EXPECT_EQ(sim::pending_count(1), 1u);
+    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
+    EXPECT_EQ(p.ov->Internal, 0u);
+    EXPECT_EQ(p.ov->InternalHigh, 0u);
+    DWORD bytes = 7;
+    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+    EXPECT_EQ(bytes, 0u);
+    EXPECT_EQ(sim::pending_count(1), 0u);
+    EXPECT_EQ(sim::probe_count(1), 1u);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(PendingProbe, IssuingResetsTheEventAndMarksPending) {
+    load("disk 4 hang\n");
+    HANDLE d = open_disk(4);
+    Probe p;
+    SetEvent(p.ev);
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_EQ(WaitForSingleObject(p.ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(p.ov->Internal, 0x103u);
+    sim::release(4);
+    EXPECT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(PendingProbe, NoWaitOnAPendingProbeIsIncomplete) {
+    load("disk 4 hang\n");
+    HANDLE d = open_disk(4);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    DWORD bytes = 0;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_INCOMPLETE));
+    sim::release(4);
+    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, TRUE));
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(PendingProbe, FailCompletesWithTheError) {
+    load("disk 3 fail 1117 after 20\n");
+    HANDLE d = open_disk(3);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
+    EXPECT_NE(p.ov->Internal, 0u);
+    DWORD bytes = 0;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), 1117u);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(PendingProbe, FailWithoutDelayStillGoesPending) {
+    load("disk 3 fail 21\n");
+    HANDLE d = open_disk(3);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    DWORD bytes = 0;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, TRUE));
+    EXPECT_EQ(GetLastError(), 21u);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(PendingProbe, WaitingResultBlocksUntilTheDelayEnds) {
+    load("disk 1 delay 30\n");
+    HANDLE d = open_disk(1);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    DWORD bytes = 1;
+    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, TRUE));
+    EXPECT_EQ(bytes, 0u);
+    EXPECT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(PendingProbe, HangEndsOnRelease) {
+    load("disk 4 hang\n");
+    HANDLE d = open_disk(4);
+    Probe a, b;
+    EXPECT_FALSE(a.issue(d));
+    EXPECT_FALSE(b.issue(d));
+    EXPECT_EQ(sim::pending_count(4), 2u);
+    EXPECT_EQ(WaitForSingleObject(a.ev, 20), static_cast<DWORD>(WAIT_TIMEOUT));
+    sim::release(4, 1167);
+    EXPECT_EQ(sim::pending_count(4), 0u);
+    DWORD bytes = 0;
+    EXPECT_EQ(WaitForSingleObject(a.ev, 0), WAIT_OBJECT_0);
+    EXPECT_FALSE(GetOverlappedResult(d, a.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), 1167u);
+    EXPECT_FALSE(GetOverlappedResult(d, b.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), 1167u);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(PendingProbe, SameOverlappedCannotBeIssuedTwiceWhilePending) {
+    load("disk 4 hang\n");
+    HANDLE d = open_disk(4);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(sim::probe_count(4), 1u);
+    sim::release(4);
+    // Once completed, the same block may carry the next probe.
+    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    sim::release(4);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(PendingProbe, SynchronousProbeWaitsForTheDelay) {
+    load("disk 1 delay 30\ndisk 3 fail 50 after 10\n");
+    HANDLE d = open_disk(1, 0);
+    EXPECT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr));
+    EXPECT_EQ(sim::pending_count(1), 0u);
+    HANDLE f = open_disk(3, 0);
+    SetLastError(0);
+    EXPECT_FALSE(DeviceIoControl(f, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr));
+    EXPECT_EQ(GetLastError(), 50u);
+    EXPECT_TRUE(CloseHandle(d));
+    EXPECT_TRUE(CloseHandle(f));
+}
+
+// ---- Letting go of a pending probe --------------------------------------------------------
+
+using DetachedProbe = SimTest;
+
+TEST_F(DetachedProbe, CancelIoCompletesWithAbortedBeforeReturning) {
+    load("disk 4 hang\n");
+    HANDLE d = open_disk(4);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_TRUE(CancelIo(d));
+    EXPECT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(p.ov->Internal, 0xC0000120u);
+    DWORD bytes = 3;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+    EXPECT_EQ(bytes, 0u);
+    // The device still holds the probe; the caller frees everything now.
+    EXPECT_EQ(sim::pending_count(4), 1u);
+    p.free();
+    sim::release(4);
+    EXPECT_EQ(sim::pending_count(4), 0u);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(DetachedProbe, CancelledDelayNeverWritesTheFreedBlock) {
+    load("disk 1 delay 30\n");
+    HANDLE d = open_disk(1);
+    auto p = std::make_unique<Probe>();
+    EXPECT_FALSE(p->issue(d));
+    EXPECT_TRUE(CancelIo(d));
+    p.reset(); // freed while the disk still works on it
+    ASSERT_TRUE(wait_until([] { return sim::pending_count(1) == 0; }));
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(DetachedProbe, CloseHandleDetachesWithoutTouchingTheBlock) {
+    load("disk 4 hang\n");
+    HANDLE d = open_disk(4);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    p.ov->Internal = 0x5A5A;
+    EXPECT_TRUE(CloseHandle(d));
+    EXPECT_EQ(p.ov->Internal, 0x5A5Au);
+    EXPECT_EQ(WaitForSingleObject(p.ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    p.free();
+    EXPECT_EQ(sim::pending_count(4), 1u);
+    sim::release(4);
+    EXPECT_EQ(sim::pending_count(4), 0u);
+}
+
+TEST_F(DetachedProbe, CloseDuringDelayThenFreeIsSafe) {
+    load("disk 1 delay 20\n");
+    HANDLE d = open_disk(1);
+    auto p = std::make_unique<Probe>();
+    EXPECT_FALSE(p->issue(d));
+    EXPECT_TRUE(CloseHandle(d));
+    p.reset();
+    ASSERT_TRUE(wait_until([] { return sim::pending_count(1) == 0; }));
+}
+
+TEST_F(DetachedProbe, CancelIoLeavesCompletedProbesToBeReaped) {
+    load("disk 0 delay 1\ndisk 4 hang\n");
+    HANDLE d = open_disk(0);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
+    EXPECT_TRUE(CancelIo(d));
+    DWORD bytes = 0;
+    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(DetachedProbe, CancelIoFromAnotherThreadWakesAWaitingResult) {
+    load("disk 4 hang\n");
+    HANDLE d = open_disk(4);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    std::thread canceller([d] {
+        Sleep(20);
+        CancelIo(d);
+    });
+    DWORD bytes = 0;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, TRUE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+    canceller.join();
+    sim::release(4);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(DetachedProbe, CancelIoEndsASynchronousProbeOnAnotherThread) {
+    load("disk 4 hang\n");
+    HANDLE d = open_disk(4, 0);
+    std::atomic<DWORD> error{0};
+    std::thread prober([d, &error] {
+        if (!DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr))
+            error = GetLastError();
+    });
+    ASSERT_TRUE(wait_until([] { return sim::pending_count(4) == 1; }));
+    EXPECT_TRUE(CancelIo(d));
+    prober.join();
+    EXPECT_EQ(error.load(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+    sim::release(4);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(DetachedProbe, ResetEndsHungProbesAsDisconnected) {
+    load("disk 4 hang\n");
+    HANDLE d = open_disk(4);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    sim::reset();
+    ASSERT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
+    DWORD bytes = 0;
+    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DEVICE_NOT_CONNECTED));
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+// Completion from the timer thread races with CancelIo and CloseHandle from here; every outcome
+// must be a clean completion or a clean cancel, and the freed blocks must stay untouched.
+TEST_F(DetachedProbe, CompletionRacesWithCancelAndClose) {
+    load("disk 1 delay 1\n");
+    unsigned completed = 0, cancelled = 0;
+    for (int i = 0; i < 200; ++i) {
+        HANDLE d = open_disk(1);
+        ASSERT_NE(d, INVALID_HANDLE_VALUE);
+        auto p = std::make_unique<Probe>();
+        ASSERT_FALSE(p->issue(d));
+        if (i % 3 == 0) Sleep(1);
+        if (i % 2 == 0) {
+            EXPECT_TRUE(CancelIo(d));
+            ASSERT_EQ(WaitForSingleObject(p->ev, 0), WAIT_OBJECT_0);
+            DWORD bytes = 0;
+            if (GetOverlappedResult(d, p->ov, &bytes, FALSE)) {
+                ++completed;
+            } else {
+                EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+                ++cancelled;
+            }
+        }
+        p.reset();
+        EXPECT_TRUE(CloseHandle(d));
+    }
+    EXPECT_EQ(completed + cancelled, 100u);
+    ASSERT_TRUE(wait_until([] { return sim::pending_count(1) == 0; }));
+    EXPECT_EQ(sim::probe_count(1), 200u);
+}
+
+} // namespace

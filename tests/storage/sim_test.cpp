@@ -1,0 +1,514 @@
+// Simulated storage, answers given at once: opening volumes and disks, the extents request, the
+// probes that succeed or are refused at once, the description format, and fault injection.
+#include "storage_fixture.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <vector>
+
+using namespace storage_test;
+namespace sim = qmtp::sim;
+
+namespace {
+
+struct Extents {
+    BOOL ok;
+    DWORD error;
+    DWORD returned;
+    std::vector<BYTE> buf;
+    const VOLUME_DISK_EXTENTS *v() const { return reinterpret_cast<const VOLUME_DISK_EXTENTS *>(buf.data()); }
+};
+
+Extents get_extents(HANDLE vol, DWORD size) {
+    Extents r{};
+    r.buf.assign(size, 0);
+    r.returned = 0;
+    SetLastError(0);
+    r.ok = DeviceIoControl(vol, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, r.buf.data(), size, &r.returned,
+                           nullptr);
+    r.error = r.ok ? 0 : GetLastError();
+    return r;
+}
+
+// ---- Volumes and the extents request --------------------------------------------------------
+
+using VolumeExtents = SimTest;
+
+TEST_F(VolumeExtents, OneDiskFitsTheSmallBuffer) {
+    load(std::string("volume ") + kVol1 + " disks 4\n");
+    HANDLE vol = open_volume(kVol1);
+    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
+    Extents r = get_extents(vol, 32);
+    EXPECT_TRUE(r.ok);
+    EXPECT_EQ(r.returned, 32u);
+    EXPECT_EQ(r.v()->NumberOfDiskExtents, 1u);
+    EXPECT_EQ(r.v()->Extents[0].DiskNumber, 4u);
+    EXPECT_EQ(r.v()->Extents[0].StartingOffset.QuadPart, 1LL << 20);
+    EXPECT_EQ(r.v()->Extents[0].ExtentLength.QuadPart, 1LL << 30);
+    EXPECT_TRUE(CloseHandle(vol));
+}
+
+TEST_F(VolumeExtents, ThreeDisksTakeTheMoreDataPathThenFit) {
+    load(std::string("volume ") + kVol3 + " disks 2 0 1\n");
+    HANDLE vol = open_volume(kVol3);
+    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
+
+    Extents small = get_extents(vol, 32);
+    EXPECT_FALSE(small.ok);
+    EXPECT_EQ(small.error, static_cast<DWORD>(ERROR_MORE_DATA));
+    EXPECT_EQ(small.v()->NumberOfDiskExtents, 3u);
+
+    Extents full = get_extents(vol, 8 + 24 * 3);
+    ASSERT_TRUE(full.ok) << full.error;
+    EXPECT_EQ(full.returned, 80u);
+    ASSERT_EQ(full.v()->NumberOfDiskExtents, 3u);
+    EXPECT_EQ(full.v()->Extents[0].DiskNumber, 2u);
+    EXPECT_EQ(full.v()->Extents[1].DiskNumber, 0u);
+    EXPECT_EQ(full.v()->Extents[2].DiskNumber, 1u);
+    EXPECT_TRUE(CloseHandle(vol));
+}
+
+TEST_F(VolumeExtents, BufferBelowOneExtentIsInsufficient) {
+    load(std::string("volume ") + kVol1 + " disks 0\n");
+    HANDLE vol = open_volume(kVol1);
+    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
+    Extents r = get_extents(vol, 31);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.error, static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+    EXPECT_EQ(r.returned, 0u);
+    EXPECT_TRUE(CloseHandle(vol));
+}
+
+TEST_F(VolumeExtents, VolumeWithoutDisksHasNoExtents) {
+    load(std::string("volume ") + kVol1 + " disks\n");
+    HANDLE vol = open_volume(kVol1);
+    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
+    Extents r = get_extents(vol, 32);
+    EXPECT_TRUE(r.ok);
+    EXPECT_EQ(r.v()->NumberOfDiskExtents, 0u);
+    EXPECT_EQ(r.returned, 8u);
+    EXPECT_TRUE(CloseHandle(vol));
+}
+
+TEST_F(VolumeExtents, ExtentsErrorIsReturnedThenClears) {
+    load(std::string("volume ") + kVol1 + " disks 0\nvolume " + kVol1 + " extents-error 1\n");
+    HANDLE vol = open_volume(kVol1);
+    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
+    Extents r = get_extents(vol, 32);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.error, 1u);
+    sim::set_volume_extents_error(kVol1, 0);
+    EXPECT_TRUE(get_extents(vol, 32).ok);
+    EXPECT_TRUE(CloseHandle(vol));
+}
+
+TEST_F(VolumeExtents, UnknownVolumeIsFileNotFound) {
+    load(std::string("volume ") + kVol1 + " disks 0\n");
+    SetLastError(0);
+    EXPECT_EQ(open_volume(kVol3), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+}
+
+TEST_F(VolumeExtents, GuidMatchesInAnyCase) {
+    sim::set_volume("6F1C2D3E-0000-4000-8000-00000000000A", {7});
+    HANDLE vol = open_volume("6f1c2d3e-0000-4000-8000-00000000000a");
+    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(get_extents(vol, 32).v()->Extents[0].DiskNumber, 7u);
+    EXPECT_TRUE(CloseHandle(vol));
+}
+
+TEST_F(VolumeExtents, RemovedVolumeCannotBeOpened) {
+    sim::set_volume(kVol1, {0});
+    sim::remove_volume(kVol1);
+    SetLastError(0);
+    EXPECT_EQ(open_volume(kVol1), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+}
+
+TEST_F(VolumeExtents, ExtentsRequestOnADiskIsInvalidFunction) {
+    load("disk 0 ok\n");
+    HANDLE disk = open_disk(0);
+    ASSERT_NE(disk, INVALID_HANDLE_VALUE);
+    Extents r = get_extents(disk, 32);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.error, static_cast<DWORD>(ERROR_INVALID_FUNCTION));
+    EXPECT_TRUE(CloseHandle(disk));
+}
+
+// ---- Paths and opening -------------------------------------------------------------------
+
+using OpenDevice = SimTest;
+
+TEST_F(OpenDevice, MalformedPathsGiveWin32Errors) {
+    struct Case {
+        const char *path;
+        DWORD error;
+    } cases[] = {
+        {"\\\\?\\Volume{}", 123},
+        {"\\\\?\\Volume6f1c2d3e-0000-4000-8000-000000000001", 123},
+        {"\\\\?\\Volume{6f1c2d3e-0000-4000-8000-000000000001", 123},
+        {"\\\\?\\Volume{6f1c/2d3e}", 123},
+        {"C:\\data", 3},
+        {"/dev/sda", 3},
+        {"", 3},
+        {"\\\\.\\PHYSICALDRIVE", 2},
+        {"\\\\.\\PHYSICALDRIVEx", 2},
+        {"\\\\.\\PHYSICALDRIVE01", 2},
+        {"\\\\.\\PHYSICALDRIVE4294967296", 2},
+        {"\\\\.\\C:", 2},
+    };
+    for (const Case &c : cases) {
+        SetLastError(0);
+        EXPECT_EQ(CreateFileA(c.path, GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE)
+            << c.path;
+        EXPECT_EQ(GetLastError(), c.error) << c.path;
+    }
+}
+
+TEST_F(OpenDevice, BadParametersAreRejected) {
+    load("disk 0 ok\n");
+    SetLastError(0);
+    EXPECT_EQ(CreateFileA(nullptr, GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    SetLastError(0);
+    EXPECT_EQ(CreateFileA(disk_path(0).c_str(), GENERIC_READ, 3, nullptr, 2 /* CREATE_ALWAYS */, 0, nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+}
+
+TEST_F(OpenDevice, UnknownDiskIsFileNotFound) {
+    load("disk 0 ok\n");
+    SetLastError(0);
+    EXPECT_EQ(open_disk(9), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+}
+
+TEST_F(OpenDevice, OpenFailGivesTheDisksError) {
+    load("disk 5 openfail 21\n");
+    SetLastError(0);
+    EXPECT_EQ(open_disk(5), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), 21u);
+}
+
+TEST_F(OpenDevice, DisksOfAVolumeExistAndAnswer) {
+    load(std::string("volume ") + kVol3 + " disks 0 1 2\n");
+    for (DWORD n = 0; n < 3; ++n) {
+        HANDLE d = open_disk(n);
+        ASSERT_NE(d, INVALID_HANDLE_VALUE) << n;
+        EXPECT_EQ(sim::get_disk(n).behaviour, sim::Behaviour::Ok);
+        EXPECT_TRUE(CloseHandle(d));
+    }
+}
+
+TEST_F(OpenDevice, LowerCaseDevicePrefixesAreAccepted) {
+    load("disk 3 ok\n");
+    HANDLE d = CreateFileA("\\\\.\\physicaldrive3", GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(d, INVALID_HANDLE_VALUE);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(OpenDevice, ClosedHandleIsInvalid) {
+    load("disk 0 ok\n");
+    HANDLE d = open_disk(0);
+    ASSERT_NE(d, INVALID_HANDLE_VALUE);
+    ASSERT_TRUE(CloseHandle(d));
+    OVERLAPPED ov{};
+    SetLastError(0);
+    EXPECT_FALSE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    SetLastError(0);
+    EXPECT_FALSE(CancelIo(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+}
+
+TEST_F(OpenDevice, EventHandleIsNotAFile) {
+    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_NE(ev, nullptr);
+    OVERLAPPED ov{};
+    SetLastError(0);
+    EXPECT_FALSE(DeviceIoControl(ev, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(ev, &ov, nullptr, FALSE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(CloseHandle(ev));
+}
+
+// ---- Probes answered at once -----------------------------------------------------------------
+
+using ImmediateProbe = SimTest;
+
+TEST_F(ImmediateProbe, OkCompletesAtOnceAndSetsTheEvent) {
+    load("disk 0 ok\n");
+    HANDLE d = open_disk(0);
+    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_NE(d, INVALID_HANDLE_VALUE);
+    OVERLAPPED ov{};
+    ov.Internal = 77;
+    ov.InternalHigh = 77;
+    ov.hEvent = ev;
+    EXPECT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
+    EXPECT_EQ(ov.Internal, 0u);
+    EXPECT_EQ(ov.InternalHigh, 0u);
+    EXPECT_EQ(WaitForSingleObject(ev, 0), WAIT_OBJECT_0);
+    DWORD bytes = 99;
+    EXPECT_TRUE(GetOverlappedResult(d, &ov, &bytes, FALSE));
+    EXPECT_EQ(bytes, 0u);
+    EXPECT_EQ(sim::probe_count(0), 1u);
+    EXPECT_EQ(sim::pending_count(0), 0u);
+    EXPECT_TRUE(CloseHandle(d));
+    EXPECT_TRUE(CloseHandle(ev));
+}
+
+TEST_F(ImmediateProbe, RefuseFailsAtOnceWithItsError) {
+    load("disk 2 refuse 21\n");
+    HANDLE d = open_disk(2);
+    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    OVERLAPPED ov{};
+    ov.hEvent = ev;
+    SetLastError(0);
+    EXPECT_FALSE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
+    EXPECT_EQ(GetLastError(), 21u);
+    EXPECT_EQ(WaitForSingleObject(ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(sim::probe_count(2), 1u);
+    EXPECT_EQ(sim::pending_count(2), 0u);
+    EXPECT_TRUE(CloseHandle(d));
+    EXPECT_TRUE(CloseHandle(ev));
+}
+
+TEST_F(ImmediateProbe, SynchronousProbeOfAnOkDisk) {
+    load("disk 0 ok\n");
+    HANDLE d = open_disk(0, 0);
+    ASSERT_NE(d, INVALID_HANDLE_VALUE);
+    DWORD returned = 5;
+    EXPECT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, &returned, nullptr));
+    EXPECT_EQ(returned, 0u);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(ImmediateProbe, OtherControlCodesAreInvalidFunction) {
+    load(std::string("volume ") + kVol1 + " disks 0\n");
+    HANDLE d = open_disk(0);
+    HANDLE vol = open_volume(kVol1);
+    OVERLAPPED ov{};
+    SetLastError(0);
+    EXPECT_FALSE(DeviceIoControl(d, 0x70000 /* IOCTL_DISK_GET_DRIVE_GEOMETRY */, nullptr, 0, nullptr, 0, nullptr,
+                                 &ov));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_FUNCTION));
+    SetLastError(0);
+    EXPECT_FALSE(DeviceIoControl(vol, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_FUNCTION));
+    EXPECT_EQ(sim::probe_count(0), 0u);
+    EXPECT_TRUE(CloseHandle(d));
+    EXPECT_TRUE(CloseHandle(vol));
+}
+
+TEST_F(ImmediateProbe, ProbeCountFollowsEveryRequestAndResets) {
+    load("disk 0 ok\ndisk 1 refuse 5\n");
+    HANDLE d0 = open_disk(0), d1 = open_disk(1);
+    OVERLAPPED ov{};
+    for (int i = 0; i < 3; ++i) DeviceIoControl(d0, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov);
+    DeviceIoControl(d1, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov);
+    EXPECT_EQ(sim::probe_count(0), 3u);
+    EXPECT_EQ(sim::probe_count(1), 1u);
+    sim::reset();
+    EXPECT_EQ(sim::probe_count(0), 0u);
+    EXPECT_TRUE(CloseHandle(d0));
+    EXPECT_TRUE(CloseHandle(d1));
+}
+
+// ---- The description format ------------------------------------------------------------------
+
+using Description = SimTest;
+
+TEST_F(Description, EveryStatementSetsItsState) {
+    load("# a comment line\n"
+         "\n"
+         "volume {6F1C2D3E-0000-4000-8000-000000000001} disks 0 1 2   # trailing comment\n"
+         "disk 0 ok\n"
+         "disk 1 delay 1500\n"
+         "disk 2 refuse 21\n"
+         "disk 3 fail 1117 after 200\n"
+         "disk 4 hang\n"
+         "disk 5 openfail 2\n"
+         "disk 6 fail 31\r\n"
+         "volume 6f1c2d3e-0000-4000-8000-000000000003 extents-error 1\n");
+    auto is = [](DWORD n, sim::Behaviour b, DWORD ms, DWORD err) {
+        sim::DiskState s = sim::get_disk(n);
+        EXPECT_EQ(s.behaviour, b) << n;
+        EXPECT_EQ(s.delay_ms, ms) << n;
+        EXPECT_EQ(s.error, err) << n;
+    };
+    is(0, sim::Behaviour::Ok, 0, 0);
+    is(1, sim::Behaviour::Delay, 1500, 0);
+    is(2, sim::Behaviour::Refuse, 0, 21);
+    is(3, sim::Behaviour::Fail, 200, 1117);
+    is(4, sim::Behaviour::Hang, 0, 0);
+    is(5, sim::Behaviour::OpenFail, 0, 2);
+    is(6, sim::Behaviour::Fail, 0, 31);
+    HANDLE vol = open_volume(kVol1);
+    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
+    Extents r = get_extents(vol, 80);
+    EXPECT_EQ(r.v()->NumberOfDiskExtents, 3u);
+    EXPECT_TRUE(CloseHandle(vol));
+    // A volume named only by its extents error exists, and its request fails.
+    vol = open_volume(kVol3);
+    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(get_extents(vol, 32).error, 1u);
+    EXPECT_TRUE(CloseHandle(vol));
+}
+
+TEST_F(Description, BadLinesNameTheLineAndTheReason) {
+    struct Case {
+        const char *text;
+        const char *why;
+    } cases[] = {
+        {"disk 0 ok\nfrobnicate 1\n", "<text>:2: unknown statement 'frobnicate'"},
+        {"disk x ok\n", "<text>:1: bad disk number 'x'"},
+        {"disk 1\n", "<text>:1: missing disk behaviour"},
+        {"disk 1 sleep\n", "<text>:1: unknown disk behaviour 'sleep'"},
+        {"disk 1 delay\n", "<text>:1: missing delay"},
+        {"disk 1 delay -5\n", "<text>:1: bad delay '-5'"},
+        {"disk 1 refuse 0\n", "<text>:1: error code must not be 0"},
+        {"disk 1 fail 5 before 3\n", "<text>:1: unexpected 'before'"},
+        {"disk 1 fail 5 after\n", "<text>:1: missing delay"},
+        {"disk 1 hang now\n", "<text>:1: unexpected 'now'"},
+        {"disk 1 openfail 4294967296\n", "<text>:1: bad error code '4294967296'"},
+        {"volume 1234 disks 0\n", "<text>:1: bad volume GUID '1234'"},
+        {"volume\n", "<text>:1: missing volume GUID"},
+        {"\n\nvolume 6f1c2d3e-0000-4000-8000-000000000001\n",
+         "<text>:3: missing 'disks', 'extents-error' or 'remove'"},
+        {"volume 6f1c2d3e-0000-4000-8000-000000000001 size 3\n", "<text>:1: unknown volume property 'size'"},
+        {"volume 6f1c2d3e-0000-4000-8000-000000000001 disks 0 one\n", "<text>:1: bad disk number 'one'"},
+    };
+    for (const Case &c : cases) {
+        std::string why;
+        EXPECT_FALSE(sim::load_text(c.text, &why)) << c.text;
+        EXPECT_EQ(why, c.why) << c.text;
+    }
+}
+
+TEST_F(Description, InvalidTextLeavesTheWorldAsItWas) {
+    load("disk 0 delay 10\n");
+    std::string why;
+    EXPECT_FALSE(sim::load_text("disk 0 ok\ndisk 1 bogus\n", &why));
+    EXPECT_EQ(sim::get_disk(0).behaviour, sim::Behaviour::Delay);
+    HANDLE d = open_disk(1);
+    EXPECT_EQ(d, INVALID_HANDLE_VALUE);
+}
+
+TEST_F(Description, LoadReplacesTheWholeWorld) {
+    load("disk 0 hang\ndisk 1 ok\n");
+    load("disk 1 refuse 21\n");
+    EXPECT_EQ(open_disk(0), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(sim::get_disk(1).behaviour, sim::Behaviour::Refuse);
+}
+
+TEST_F(Description, ApplyChangesOneThingOnly) {
+    load("disk 0 ok\ndisk 1 ok\n");
+    std::string why;
+    ASSERT_TRUE(sim::apply("disk 1 delay 1500", &why)) << why;
+    EXPECT_EQ(sim::get_disk(0).behaviour, sim::Behaviour::Ok);
+    EXPECT_EQ(sim::get_disk(1).behaviour, sim::Behaviour::Delay);
+    ASSERT_TRUE(sim::apply(std::string("volume ") + kVol1 + " disks 1 0", &why)) << why;
+    ASSERT_TRUE(sim::apply(std::string("volume ") + kVol1 + " remove", &why)) << why;
+    EXPECT_EQ(open_volume(kVol1), INVALID_HANDLE_VALUE);
+    EXPECT_FALSE(sim::apply("disk 1 nap", &why));
+    EXPECT_EQ(why, "<statement>:1: unknown disk behaviour 'nap'");
+    EXPECT_FALSE(sim::apply("disk 1 ok\ndisk 2 ok", &why));
+    EXPECT_EQ(why, "<statement>:1: one statement only");
+}
+
+TEST_F(Description, LoadFileReportsFileAndLine) {
+    char path[] = "/tmp/qmt-sim-XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    {
+        std::ofstream f(path);
+        f << "disk 0 ok\n# fine so far\ndisk 1 fail\n";
+    }
+    std::string why;
+    EXPECT_FALSE(sim::load_file(path, &why));
+    EXPECT_EQ(why, std::string(path) + ":3: missing error code");
+    {
+        std::ofstream f(path, std::ios::trunc);
+        f << "disk 7 refuse 50\n";
+    }
+    EXPECT_TRUE(sim::load_file(path, &why)) << why;
+    EXPECT_EQ(sim::get_disk(7).error, 50u);
+    std::remove(path);
+    EXPECT_FALSE(sim::load_file(path, &why));
+    EXPECT_EQ(why, std::string(path) + ": cannot be read");
+}
+
+TEST_F(Description, StorageNameIsSimByDefault) { EXPECT_STREQ(qmtp_storage_name(), "sim"); }
+
+// ---- Fault injection ------------------------------------------------------------------------
+
+using DeviceFaults = SimTest;
+
+TEST_F(DeviceFaults, CreateFileFailsOnTheNthCall) {
+    load("disk 0 ok\n");
+    qmtp_fault_set("CreateFileA", 2, 32);
+    HANDLE first = open_disk(0);
+    ASSERT_NE(first, INVALID_HANDLE_VALUE);
+    SetLastError(0);
+    EXPECT_EQ(open_disk(0), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), 32u);
+    HANDLE third = open_disk(0);
+    EXPECT_NE(third, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(qmtp_call_count("CreateFileA"), 3u);
+    EXPECT_TRUE(CloseHandle(first));
+    EXPECT_TRUE(CloseHandle(third));
+}
+
+TEST_F(DeviceFaults, DeviceIoControlFailsWithoutReachingTheDisk) {
+    load("disk 0 ok\n");
+    HANDLE d = open_disk(0);
+    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    qmtp_fault_set("DeviceIoControl", 1, 1117);
+    OVERLAPPED ov{};
+    ov.hEvent = ev;
+    SetLastError(0);
+    EXPECT_FALSE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
+    EXPECT_EQ(GetLastError(), 1117u);
+    EXPECT_EQ(sim::probe_count(0), 0u);
+    EXPECT_EQ(WaitForSingleObject(ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
+    EXPECT_EQ(sim::probe_count(0), 1u);
+    EXPECT_TRUE(CloseHandle(d));
+    EXPECT_TRUE(CloseHandle(ev));
+}
+
+TEST_F(DeviceFaults, GetOverlappedResultAndCancelIoAreFaultPoints) {
+    load("disk 0 ok\n");
+    HANDLE d = open_disk(0);
+    OVERLAPPED ov{};
+    ASSERT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
+    qmtp_fault_set("GetOverlappedResult", 1, 6);
+    qmtp_fault_set("CancelIo", 1, 1167);
+    DWORD bytes = 0;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, &ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), 6u);
+    SetLastError(0);
+    EXPECT_FALSE(CancelIo(d));
+    EXPECT_EQ(GetLastError(), 1167u);
+    EXPECT_TRUE(GetOverlappedResult(d, &ov, &bytes, FALSE));
+    EXPECT_TRUE(CancelIo(d));
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(DeviceFaults, ExtentsRequestFaultLeavesTheBufferAlone) {
+    sim::set_volume(kVol3, {0, 1, 2});
+    HANDLE vol = open_volume(kVol3);
+    qmtp_fault_set("DeviceIoControl", 1, 8);
+    Extents r = get_extents(vol, 32);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.error, 8u);
+    EXPECT_EQ(r.v()->NumberOfDiskExtents, 0u);
+    EXPECT_TRUE(CloseHandle(vol));
+}
+
+} // namespace
