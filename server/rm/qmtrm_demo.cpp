@@ -301,7 +301,8 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
             std::smatch m;
             if (std::regex_search(line, m, event_re)) {
                 seen.insert("event " + m[1].str());
-                reporter.line("", "log: " + line);
+                // From "EVENT": the time stamp and source position of the log line add nothing here.
+                reporter.line("", line.substr(static_cast<size_t>(m.position(0))));
             } else if (verbose) {
                 reporter.line("", "log: " + line);
             }

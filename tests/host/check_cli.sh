@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# check_cli.sh QMTRM OTHERLIB - exit statuses of bad command lines and bad scripts.
+set -u
+qmtrm=$1
+otherlib=$2
+here=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-cli-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+fail=0
+# expect STATUS TEXT-IN-OUTPUT -- ARGS...
+expect() {
+  local want=$1 text=$2; shift 3
+  "$qmtrm" "$@" >"$work/out" 2>&1
+  local rc=$?
+  if [ $rc -ne "$want" ]; then echo "FAIL: qmtrm $* -> $rc, expected $want"; cat "$work/out"; fail=1; fi
+  if [ -n "$text" ] && ! grep -qF -- "$text" "$work/out"; then
+    echo "FAIL: qmtrm $* does not say: $text"; cat "$work/out"; fail=1
+  fi
+}
+printf 'DoMontr sdw sdw1\nexpect 190\nfrobnicate 1\n' >"$work/syntax.qmt"
+printf '# comment\n\nDoMontr sdw sdw1\nexpect 0\n' >"$work/expect.qmt"
+printf 'DoMontr sdw\n' >"$work/arity.qmt"
+printf 'expect 0\n' >"$work/noresult.qmt"
+printf 'DoMontr NULL NULL\nexpect 190\nexpect != 0\nGetCheckPoint NULL\nexpect 0\n' >"$work/nulls.qmt"
+printf 'tick set 12345\nsleep 0\n' >"$work/nocalls.qmt"
+
+expect 0 "run"       -- --help
+expect 0 "--stop-wait" -- run --help
+expect 0 "expect-log" -- script --help
+expect 0 "--duration" -- demo --help
+expect 2 ""          --
+expect 2 ""          -- frobnicate
+expect 2 ""          -- script
+expect 2 ""          -- run --service nosuch
+expect 2 ""          -- run --stop-wait -1
+expect 2 ""          -- demo --duration 3
+expect 2 "cannot open script" -- script "$work/missing.qmt"
+expect 3 "$work/none.so" -- script --plugin "$work/none.so" "$work/expect.qmt"
+expect 3 "export InitRscDll not found" -- script --plugin "$otherlib" "$work/expect.qmt"
+expect 3 "$work/none.so" -- run --plugin "$work/none.so" --conf-dir "$here/conf"
+QMT_PLUGIN="$work/env.so" expect 3 "$work/env.so" -- script "$work/expect.qmt"
+export QMT_LOG_DIR="$work/log" QMT_CONF_DIR="$here/conf" QMT_SHM_NAME="qmtrmcli$$"
+expect 2 "line 3: unknown call: frobnicate" -- script "$work/syntax.qmt"
+expect 2 "line 1: DoMontr takes 2 argument(s)" -- script "$work/arity.qmt"
+expect 2 "line 1: expect without a result" -- script "$work/noresult.qmt"
+expect 1 "line 4: expected 0, got 190" -- script "$work/expect.qmt"
+expect 0 "4: GetCheckPoint NULL -> 0" -- script "$work/nulls.qmt"
+expect 0 "1: tick set 12345 -> 1234" -- script "$work/nocalls.qmt"
+expect 0 "1: DoMontr NULL NULL -> 190" -- script - <"$work/nulls.qmt"
+for f in /dev/shm/*qmtrmcli$$*; do [ -e "$f" ] && rm -f "$f"; done
+exit $fail
