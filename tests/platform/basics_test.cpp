@@ -1,0 +1,267 @@
+// Ticks, the global heap, fault injection and the version resource of this executable.
+#include "platform_test.h"
+#include "qmtrsrc.h"
+
+#include <cstring>
+#include <string>
+
+QMT_VERSION_RESOURCE(3, 1, 4, 15, 9, 2, 65, 35);
+
+namespace {
+
+using TickTest = PlatformTest;
+using HeapTest = PlatformTest;
+using FaultTest = PlatformTest;
+using VersionTest = PlatformTest;
+
+constexpr DWORD kInjected = 4321;
+
+// ---- Ticks --------------------------------------------------------------------------------
+
+TEST_F(TickTest, ReadsPastThe32BitWrap) {
+    const DWORD saved = qmtp_tick_get_offset();
+    qmtp_tick_set(0xFFFFFFF0u);
+    const DWORD before = GetTickCount();
+    EXPECT_GE(before, 0xFFFFFFF0u);
+    Sleep(40);
+    const DWORD after = GetTickCount();
+    EXPECT_LT(after, 0x00001000u);
+    EXPECT_GE(static_cast<DWORD>(after - before), 35u);
+    EXPECT_LT(static_cast<DWORD>(after - before), 5000u);
+    qmtp_tick_set_offset(saved);
+    EXPECT_EQ(qmtp_tick_get_offset(), saved);
+}
+
+TEST_F(TickTest, OffsetMovesTheCountByExactlyThatMuch) {
+    const DWORD saved = qmtp_tick_get_offset();
+    qmtp_tick_set_offset(0);
+    const DWORD plain = GetTickCount();
+    qmtp_tick_set_offset(3600000u);
+    const DWORD moved = GetTickCount();
+    EXPECT_GE(static_cast<DWORD>(moved - plain), 3600000u);
+    EXPECT_LT(static_cast<DWORD>(moved - plain), 3605000u);
+    qmtp_tick_set_offset(saved);
+}
+
+// ---- Global heap --------------------------------------------------------------------------
+
+TEST_F(HeapTest, ZeroInitBlocksAreZeroAndCountedUntilFreed) {
+    const long before = qmtp_live_allocations();
+    auto *p = static_cast<unsigned char *>(GlobalAlloc(GPTR, 4096));
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(qmtp_live_allocations(), before + 1);
+    for (size_t i = 0; i < 4096; ++i)
+        ASSERT_EQ(p[i], 0) << "byte " << i;
+    void *q = GlobalAlloc(GMEM_FIXED, 0);
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(qmtp_live_allocations(), before + 2);
+    EXPECT_EQ(GlobalFree(p), nullptr);
+    EXPECT_EQ(GlobalFree(q), nullptr);
+    EXPECT_EQ(qmtp_live_allocations(), before);
+}
+
+TEST_F(HeapTest, FreeingAForeignOrFreedBlockGivesThePointerBackWith6) {
+    void *p = GlobalAlloc(GPTR, 16);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(GlobalFree(p), nullptr);
+    SetLastError(0);
+    EXPECT_EQ(GlobalFree(p), p);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    int local = 0;
+    EXPECT_EQ(GlobalFree(&local), &local);
+    EXPECT_EQ(GlobalFree(nullptr), nullptr);
+}
+
+TEST_F(HeapTest, ImpossibleSizeFailsWith8) {
+    SetLastError(0);
+    EXPECT_EQ(GlobalAlloc(GPTR, ~static_cast<SIZE_T>(0) / 2), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+}
+
+// ---- Fault injection ----------------------------------------------------------------------
+
+TEST_F(FaultTest, OnlyTheArmedCallFailsWithTheChosenError) {
+    qmtp_fault_set("CreateEventA", 3, ERROR_NOT_ENOUGH_MEMORY);
+    HANDLE h[5];
+    for (HANDLE &x : h) {
+        SetLastError(0);
+        x = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    }
+    EXPECT_NE(h[0], nullptr);
+    EXPECT_NE(h[1], nullptr);
+    EXPECT_EQ(h[2], nullptr);
+    EXPECT_NE(h[3], nullptr);
+    EXPECT_NE(h[4], nullptr);
+    EXPECT_EQ(qmtp_call_count("CreateEventA"), 5u);
+    for (HANDLE x : h) {
+        if (x) {
+            EXPECT_TRUE(CloseHandle(x));
+        }
+    }
+}
+
+TEST_F(FaultTest, FailedCallSetsTheErrorAndArmingCountsFromNow) {
+    void *a = GlobalAlloc(GPTR, 8);
+    qmtp_fault_set("GlobalAlloc", 2, ERROR_OUTOFMEMORY);
+    void *b = GlobalAlloc(GPTR, 8);
+    SetLastError(0);
+    void *c = GlobalAlloc(GPTR, 8);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OUTOFMEMORY));
+    EXPECT_NE(a, nullptr);
+    EXPECT_NE(b, nullptr);
+    EXPECT_EQ(c, nullptr);
+    EXPECT_EQ(qmtp_call_count("GlobalAlloc"), 3u);
+    GlobalFree(a);
+    GlobalFree(b);
+}
+
+TEST_F(FaultTest, ClearDisarmsAndResetsTheCounts) {
+    HANDLE e = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    qmtp_fault_set("SetEvent", 1, kInjected);
+    qmtp_fault_clear();
+    EXPECT_EQ(qmtp_call_count("SetEvent"), 0u);
+    EXPECT_TRUE(SetEvent(e));
+    EXPECT_EQ(qmtp_call_count("SetEvent"), 1u);
+    EXPECT_EQ(qmtp_call_count("NoSuchFunction"), 0u);
+    EXPECT_TRUE(CloseHandle(e));
+}
+
+TEST_F(FaultTest, FailedCloseLeavesTheHandleOpen) {
+    HANDLE e = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    qmtp_fault_set("CloseHandle", 1, kInjected);
+    EXPECT_FALSE(CloseHandle(e));
+    EXPECT_EQ(GetLastError(), kInjected);
+    EXPECT_TRUE(CloseHandle(e));
+}
+
+// Every exported function is a fault point and returns its documented failure value.
+TEST_F(FaultTest, EveryExportedFunctionCanBeMadeToFail) {
+    HANDLE m = CreateMutexA(nullptr, TRUE, nullptr);
+    HANDLE e = CreateEventA(nullptr, TRUE, TRUE, nullptr);
+    HANDLE t = CreateWaitableTimerA(nullptr, TRUE, nullptr);
+    void *block = GlobalAlloc(GPTR, 8);
+    const LARGE_INTEGER due = DueIn(1000);
+    HMODULE mod = GetModuleHandleA(nullptr);
+    HRSRC res = FindResourceA(mod, MAKEINTRESOURCEA(VS_VERSION_INFO), RT_VERSION);
+    HGLOBAL loaded = LoadResource(mod, res);
+    ASSERT_NE(loaded, nullptr);
+
+    auto fails = [](const char *name, auto call, auto failed) {
+        const unsigned calls = qmtp_call_count(name);
+        qmtp_fault_set(name, 1, kInjected);
+        SetLastError(0);
+        EXPECT_EQ(call(), failed) << name;
+        EXPECT_EQ(GetLastError(), kInjected) << name;
+        EXPECT_EQ(qmtp_call_count(name), calls + 1) << name;
+        qmtp_fault_set(name, 0, 0);
+    };
+    fails("CreateMutexA", [] { return CreateMutexA(nullptr, FALSE, nullptr); }, HANDLE{});
+    fails("ReleaseMutex", [&] { return ReleaseMutex(m); }, FALSE);
+    fails("CreateEventA", [] { return CreateEventA(nullptr, FALSE, FALSE, nullptr); }, HANDLE{});
+    fails("SetEvent", [&] { return SetEvent(e); }, FALSE);
+    fails("ResetEvent", [&] { return ResetEvent(e); }, FALSE);
+    fails("CreateWaitableTimerA", [] { return CreateWaitableTimerA(nullptr, FALSE, nullptr); }, HANDLE{});
+    fails("SetWaitableTimer", [&] { return SetWaitableTimer(t, &due, 0, nullptr, nullptr, FALSE); }, FALSE);
+    fails("CancelWaitableTimer", [&] { return CancelWaitableTimer(t); }, FALSE);
+    fails("WaitForSingleObject", [&] { return WaitForSingleObject(e, 0); }, WAIT_FAILED);
+    fails("WaitForMultipleObjects", [&] { return WaitForMultipleObjects(1, &e, FALSE, 0); }, WAIT_FAILED);
+    fails("CloseHandle", [&] { return CloseHandle(e); }, FALSE);
+    fails("GlobalAlloc", [] { return GlobalAlloc(GPTR, 8); }, HGLOBAL{});
+    fails("GlobalFree", [&] { return GlobalFree(block); }, block);
+    fails("_beginthreadex", [] { return _beginthreadex(nullptr, 0, [](void *) -> unsigned { return 0; }, nullptr, 0, nullptr); },
+          uintptr_t{0});
+    fails("GetModuleHandleA", [] { return GetModuleHandleA(nullptr); }, HMODULE{});
+    fails("FindResourceA", [&] { return FindResourceA(mod, MAKEINTRESOURCEA(1), RT_VERSION); }, HRSRC{});
+    fails("FindResourceExA", [&] { return FindResourceExA(mod, RT_VERSION, MAKEINTRESOURCEA(1), 0); }, HRSRC{});
+    fails("LoadResource", [&] { return LoadResource(mod, res); }, HGLOBAL{});
+    fails("LockResource", [&] { return LockResource(loaded); }, LPVOID{});
+    fails("SizeofResource", [&] { return SizeofResource(mod, res); }, DWORD{0});
+    // Sleep has no failure value; a failed Sleep returns at once.
+    qmtp_fault_set("Sleep", 1, kInjected);
+    const DWORD before = GetTickCount();
+    Sleep(5000);
+    EXPECT_LT(GetTickCount() - before, 2500u);
+    EXPECT_EQ(GetLastError(), kInjected);
+
+    EXPECT_EQ(GlobalFree(block), nullptr);
+    EXPECT_TRUE(ReleaseMutex(m));
+    for (HANDLE h : {m, e, t})
+        EXPECT_TRUE(CloseHandle(h));
+}
+
+// ---- Version resource ---------------------------------------------------------------------
+
+WORD Word(const BYTE *p, size_t off) {
+    WORD w;
+    std::memcpy(&w, p + off, sizeof w);
+    return w;
+}
+
+TEST_F(VersionTest, MainModuleCarriesTheVersionInfoBytesInWindowsLayout) {
+    HMODULE mod = GetModuleHandleA(nullptr);
+    ASSERT_NE(mod, nullptr);
+    HRSRC res = FindResourceA(mod, MAKEINTRESOURCEA(VS_VERSION_INFO), RT_VERSION);
+    ASSERT_NE(res, nullptr);
+    HGLOBAL loaded = LoadResource(mod, res);
+    ASSERT_NE(loaded, nullptr);
+    const auto *p = static_cast<const BYTE *>(LockResource(loaded));
+    ASSERT_NE(p, nullptr);
+    ASSERT_EQ(SizeofResource(mod, res), 92u);
+
+    EXPECT_EQ(Word(p, 0), 92u); // wLength
+    EXPECT_EQ(Word(p, 2), 52u); // wValueLength
+    EXPECT_EQ(Word(p, 4), 0u);  // wType: binary
+    std::u16string key;
+    for (size_t off = 6; Word(p, off) != 0; off += 2)
+        key.push_back(static_cast<char16_t>(Word(p, off)));
+    EXPECT_EQ(key, u"VS_VERSION_INFO");
+
+    VS_FIXEDFILEINFO fixed;
+    std::memcpy(&fixed, p + 40, sizeof fixed);
+    EXPECT_EQ(fixed.dwSignature, VS_FFI_SIGNATURE);
+    EXPECT_EQ(HIWORD(fixed.dwFileVersionMS), 3u);
+    EXPECT_EQ(LOWORD(fixed.dwFileVersionMS), 1u);
+    EXPECT_EQ(HIWORD(fixed.dwFileVersionLS), 4u);
+    EXPECT_EQ(LOWORD(fixed.dwFileVersionLS), 15u);
+    EXPECT_EQ(HIWORD(fixed.dwProductVersionMS), 9u);
+    EXPECT_EQ(LOWORD(fixed.dwProductVersionMS), 2u);
+    EXPECT_EQ(HIWORD(fixed.dwProductVersionLS), 65u);
+    EXPECT_EQ(LOWORD(fixed.dwProductVersionLS), 35u);
+}
+
+TEST_F(VersionTest, FindResourceExWithNeutralLanguageFindsTheSameStableBytes) {
+    HMODULE mod = GetModuleHandleA(nullptr);
+    HRSRC a = FindResourceA(mod, MAKEINTRESOURCEA(1), RT_VERSION);
+    HRSRC b = FindResourceExA(mod, RT_VERSION, MAKEINTRESOURCEA(1), MAKELANGID(LANG_NEUTRAL, SUBLANG_NEUTRAL));
+    HRSRC c = FindResourceA(nullptr, "#1", "#16");
+    ASSERT_NE(a, nullptr);
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(a, c);
+    EXPECT_EQ(LockResource(LoadResource(mod, a)), LockResource(LoadResource(mod, b)));
+}
+
+TEST_F(VersionTest, MissingTypeNameAndLanguageFailWith1813To1815) {
+    HMODULE mod = GetModuleHandleA(nullptr);
+    SetLastError(0);
+    EXPECT_EQ(FindResourceA(mod, MAKEINTRESOURCEA(1), MAKEINTRESOURCEA(6)), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_RESOURCE_TYPE_NOT_FOUND));
+    SetLastError(0);
+    EXPECT_EQ(FindResourceA(mod, MAKEINTRESOURCEA(2), RT_VERSION), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_RESOURCE_NAME_NOT_FOUND));
+    SetLastError(0);
+    EXPECT_EQ(FindResourceExA(mod, RT_VERSION, MAKEINTRESOURCEA(1), 0x0409), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_RESOURCE_LANG_NOT_FOUND));
+}
+
+TEST_F(VersionTest, NamedModuleFailsWith126AndEmptyResourceCallsFail) {
+    SetLastError(0);
+    EXPECT_EQ(GetModuleHandleA("kernel32.dll"), nullptr);
+    EXPECT_EQ(GetLastError(), 126u);
+    SetLastError(0);
+    EXPECT_EQ(LoadResource(nullptr, nullptr), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(SizeofResource(nullptr, nullptr), 0u);
+    EXPECT_EQ(LockResource(nullptr), nullptr);
+}
+
+} // namespace
