@@ -1,0 +1,229 @@
+// The resource shared memory under concurrent writers and readers: other processes and threads.
+#include "cluster_test_util.h"
+#include "qmtshm.h"
+#include "qmtshm_admin.h"
+#include "qmtshm_codes.h"
+#include "shm_layout.h"
+
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace clustertest;
+
+namespace {
+
+constexpr int kWrites = 20000;
+
+// The counter twice, far apart, so a torn copy shows as two different numbers.
+std::string encode(int n)
+{
+    char head[16];
+    std::snprintf(head, sizeof head, "%08d", n);
+    return std::string(head) + ":" + std::string(200, static_cast<char>('a' + n % 26)) + ":" + head;
+}
+
+// Checks one entry; returns the counter or -1 if torn.
+int decode(const QmtShmRmEntry &e)
+{
+    std::string d(e.descript);
+    if (static_cast<int>(d.size()) != e.descript_len || d.size() != 8 + 1 + 200 + 1 + 8)
+        return -1;
+    if (d.compare(0, 8, d, d.size() - 8, 8) != 0)
+        return -1;
+    int n = std::stoi(d.substr(0, 8));
+    if (d.find_first_not_of(static_cast<char>('a' + n % 26), 9) != 209)
+        return -1;
+    return n;
+}
+
+// Writes kWrites descriptions for `name`; the caller is attached.
+bool write_many(const char *name)
+{
+    for (int i = 1; i <= kWrites; ++i) {
+        std::string t = encode(i);
+        if (shmrm_setdescript(nullptr, "sdw", name, t.c_str(), static_cast<int>(t.size())) != 0)
+            return false;
+    }
+    return true;
+}
+
+struct ReadStats {
+    long checks = 0;
+    long torn = 0;
+    long backwards = 0;
+};
+
+// Reads every entry once; counters of one name never go back.
+void read_once(ReadStats &st, std::vector<int> &last)
+{
+    QmtShmRmEntry v[8];
+    int count = 0;
+    if (shmrm_list(v, 8, &count) != 0)
+        return;
+    for (int i = 0; i < count && i < 8; ++i) {
+        if (v[i].descript_len == 0)
+            continue;  // made, not yet described
+        int n = decode(v[i]);
+        ++st.checks;
+        if (n < 0) {
+            ++st.torn;
+            continue;
+        }
+        if (n < last[static_cast<size_t>(i)])
+            ++st.backwards;
+        last[static_cast<size_t>(i)] = n;
+    }
+}
+
+pid_t spawn_writer(const char *name)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        bool ok = shmrm_attach() == 0 && write_many(name) && shmrm_detach() == 0;
+        _exit(ok ? 0 : 1);
+    }
+    return pid;
+}
+
+// Waits for a child up to the deadline; kills it if it overruns. Returns its exit code or -1.
+int reap(pid_t pid, std::chrono::steady_clock::time_point deadline)
+{
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class ResourceShmConcurrency : public ::testing::Test {
+protected:
+    void TearDown() override
+    {
+        while (shmrm_detach() == 0) {
+        }
+    }
+    ShmPrefix shm{"rmc"};
+};
+
+TEST_F(ResourceShmConcurrency, OtherProcessesNeverSeeATornEntry)
+{
+    ASSERT_EQ(shmrm_attach(), 0);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    pid_t w1 = spawn_writer("r1");
+    ASSERT_GT(w1, 0);
+    pid_t w2 = spawn_writer("r2");
+    ASSERT_GT(w2, 0);
+    ReadStats st;
+    std::vector<int> last(8, 0);
+    int status = 0;
+    while (waitpid(w1, &status, WNOHANG) == 0 && std::chrono::steady_clock::now() < deadline)
+        read_once(st, last);
+    EXPECT_EQ(reap(w1, deadline), 0);
+    EXPECT_EQ(reap(w2, deadline), 0);
+    read_once(st, last);
+    EXPECT_GT(st.checks, 0);
+    EXPECT_EQ(st.torn, 0);
+    EXPECT_EQ(st.backwards, 0);
+    // Both writers finished with their last description.
+    QmtShmRmEntry v[4];
+    int count = 0;
+    ASSERT_EQ(shmrm_list(v, 4, &count), 0);
+    ASSERT_EQ(count, 2);
+    EXPECT_EQ(decode(v[0]), kWrites);
+    EXPECT_EQ(decode(v[1]), kWrites);
+}
+
+TEST_F(ResourceShmConcurrency, ThreadsNeverSeeATornEntry)
+{
+    ASSERT_EQ(shmrm_attach(), 0);
+    std::atomic<bool> done{false};
+    std::atomic<long> torn{0}, checks{0};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 2; ++r) {
+        readers.emplace_back([&] {
+            ReadStats st;
+            std::vector<int> last(8, 0);
+            while (!done.load())
+                read_once(st, last);
+            torn += st.torn + st.backwards;
+            checks += st.checks;
+        });
+    }
+    std::atomic<int> failures{0};
+    std::thread w1([&] { failures += write_many("t1") ? 0 : 1; });
+    std::thread w2([&] { failures += write_many("t2") ? 0 : 1; });
+    w1.join();
+    w2.join();
+    done = true;
+    for (auto &t : readers)
+        t.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(torn.load(), 0);
+    EXPECT_GT(checks.load(), 0);
+}
+
+TEST_F(ResourceShmConcurrency, WriterThatDiedHoldingTheLockIsRecoveredFrom)
+{
+    ASSERT_EQ(shmrm_attach(), 0);
+    ASSERT_EQ(shmrm_setdescript(nullptr, "sdw", "r1", "before", 256), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        // Dies in the middle of a write: lock taken, entry's sequence left odd.
+        int fd = shm_open(shm.rm().c_str(), O_RDWR, 0);
+        if (fd < 0)
+            _exit(2);
+        void *a = mmap(nullptr, sizeof(qmtshm::RmSegment), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (a == MAP_FAILED)
+            _exit(3);
+        auto *seg = static_cast<qmtshm::RmSegment *>(a);
+        if (pthread_mutex_lock(&seg->mutex) != 0)
+            _exit(4);
+        seg->entries[0].seq.fetch_add(1);
+        _exit(0);
+    }
+    EXPECT_EQ(reap(pid, std::chrono::steady_clock::now() + std::chrono::seconds(10)), 0);
+    EXPECT_EQ(shmrm_setdescript(nullptr, "sdw", "r1", "after", 256), 0);
+    EXPECT_EQ(shmrm_setmonprogress("sdw", "r2", QMT_DOMONTR_MONSTART), 0);
+    QmtShmRmEntry v[4];
+    int count = 0;
+    ASSERT_EQ(shmrm_list(v, 4, &count), 0);
+    ASSERT_EQ(count, 2);
+    EXPECT_STREQ(v[0].descript, "after");
+    EXPECT_EQ(v[1].progress, QMT_DOMONTR_MONSTART);
+}
+
+TEST_F(ResourceShmConcurrency, RatioSetInOneProcessIsReadInAnother)
+{
+    ASSERT_EQ(shmcm_attach(), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0)
+        _exit(shmcm_setratio(4) == 0 ? 0 : 1);
+    EXPECT_EQ(reap(pid, std::chrono::steady_clock::now() + std::chrono::seconds(10)), 0);
+    int ratio = 0;
+    unsigned char extra[16] = {};
+    ASSERT_EQ(shmcm_getratio(&ratio, extra), 0);
+    EXPECT_EQ(ratio, 4);
+    EXPECT_EQ(extra[0], 1);
+    ASSERT_EQ(shmcm_detach(), 0);
+}
+
+}  // namespace
