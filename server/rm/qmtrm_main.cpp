@@ -56,6 +56,15 @@ int main(int argc, char **argv)
                                                     "(FILE or - for standard input)");
     add_env_options(script, &env);
     script->add_option("file", script_file, "Script file, or - for standard input")->required();
+    script->footer(
+        "Lines (TYPE/NAME may be NULL; CTRL decimal or 0x hex; # starts a comment):\n"
+        "  InitRscDll|UninitRscDll|InitNpRscDll|UninitNpRscDll [DllName [DllType [ExecMode]]]\n"
+        "  DoMontr TYPE NAME | DoNpMontr TYPE NAME | GetCheckPoint NAME\n"
+        "  MontrStatusChange TYPE NAME CTRL | NpMontrStatusChange TYPE NAME CTRL\n"
+        "  sim STATEMENT | sim release DISK [ERR] | ratio N | tick set VALUE | tick add MS | sleep MS\n"
+        "  expect N | expect != N | expect-log TEXT | async CALL... | wait [MS]\n"
+        "Exit statuses: 0 every expect held; 1 an expect failed; 2 a line not understood; 3 plug-in not "
+        "loaded; 4 an async call still running at a wait's limit.");
 
     double demo_duration = 20;
     std::string demo_plugin;
