@@ -175,9 +175,10 @@ bool append(Module &m, const std::string &line) {
         m.log_fd = -1;
     }
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (m.log_fd < 0)
+        if (m.log_fd < 0) {
             m.log_fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (m.log_fd < 0 || fstat(m.log_fd, &by_fd) != 0) break;
+            if (m.log_fd < 0 || fstat(m.log_fd, &by_fd) != 0) break;
+        }
         long long limit = m.size.load(std::memory_order_relaxed);
         if (attempt == 0 && limit > 0 && by_fd.st_size > 0 &&
             by_fd.st_size + static_cast<long long>(line.size()) > limit) {
