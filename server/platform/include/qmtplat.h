@@ -45,6 +45,10 @@ QMTWIN_API long qmtp_live_allocations(void);
  * The backend is chosen by the environment variable QMT_STORAGE ("sim", the default, or
  * "linux"); the sim description file by QMT_SIM_FILE. qmtp_storage_name() tells which one runs. */
 QMTWIN_API const char *qmtp_storage_name(void);
+/* The linux backend's probes now in the kernel (at most one per disk), and its probe threads
+ * (at most 16): a probe stuck in the kernel keeps its thread until the device answers. */
+QMTWIN_API unsigned qmtp_storage_probes_in_kernel(void);
+QMTWIN_API unsigned qmtp_storage_probe_threads(void);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,388 @@
+// The linux backend end to end, on loop devices: a volume found by its filesystem UUID, a healthy
+// probe, and probes of a disk whose file is served by a FUSE filesystem of this test that can
+// fail its reads with EIO or hold them until released. Runs only as root with working losetup.
+#define FUSE_USE_VERSION 31
+#include "storage_fixture.h"
+
+#include <fuse.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+using namespace storage_test;
+
+namespace {
+
+constexpr DWORD kBound = 10000; // ms
+constexpr off_t kImageSize = 16 << 20;
+constexpr const char *kUuid = "3a7d1c52-9e4b-4f0a-8c61-2b5e0d9f4a17";
+
+// Runs a shell command; its first output line, and whether it exited 0.
+bool run(const std::string &cmd, std::string *out = nullptr) {
+    FILE *p = ::popen((cmd + " 2>/dev/null").c_str(), "r");
+    if (!p) return false;
+    std::array<char, 512> buf{};
+    std::string first;
+    if (std::fgets(buf.data(), buf.size(), p)) first = buf.data();
+    while (std::fgets(buf.data(), buf.size(), p)) {
+    }
+    int rc = ::pclose(p);
+    while (!first.empty() && (first.back() == '\n' || first.back() == ' ')) first.pop_back();
+    if (out) *out = first;
+    return rc == 0;
+}
+
+std::string why_not_root_loop() {
+    if (::geteuid() != 0) return "needs root (loop devices)";
+    if (!run("losetup -f")) return "losetup cannot find a free loop device here";
+    return {};
+}
+
+// A loop device over a file; detached in the destructor.
+struct Loop {
+    std::string dev;
+    DWORD number = 0;
+    bool attach(const std::string &file) {
+        if (!run("losetup -f --show " + file, &dev) || dev.rfind("/dev/loop", 0) != 0) return false;
+        number = 1000 + static_cast<DWORD>(std::atoi(dev.c_str() + 9));
+        return true;
+    }
+    ~Loop() {
+        if (!dev.empty()) run("losetup -d " + dev);
+    }
+};
+
+std::string temp_dir() {
+    char tmpl[] = "/tmp/qmt-stor-XXXXXX";
+    const char *d = ::mkdtemp(tmpl);
+    return d ? d : "";
+}
+
+class LinuxStorage : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string why = why_not_root_loop();
+        if (!why.empty()) GTEST_SKIP() << why;
+        ASSERT_STREQ(qmtp_storage_name(), "linux");
+        dir_ = temp_dir();
+        ASSERT_FALSE(dir_.empty());
+        handles_ = qmtp_live_handles();
+    }
+    void TearDown() override {
+        if (dir_.empty()) return;
+        EXPECT_EQ(qmtp_live_handles(), handles_);
+        run("rm -rf " + dir_);
+    }
+    std::string dir_;
+    long handles_ = 0;
+};
+
+// ---- A healthy disk -------------------------------------------------------------------------
+
+TEST_F(LinuxStorage, Ext4VolumeResolvesToItsLoopDiskAndProbesHealthy) {
+    if (!run("command -v mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 missing";
+    std::string img = dir_ + "/ext4.img";
+    ASSERT_TRUE(run("truncate -s 16M " + img));
+    ASSERT_TRUE(run(std::string("mkfs.ext4 -q -F -U ") + kUuid + " " + img));
+    Loop loop;
+    ASSERT_TRUE(loop.attach(img));
+
+    // The GUID text matches in either case.
+    std::string upper = kUuid;
+    for (auto &c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    for (const std::string &guid : {std::string(kUuid), upper}) {
+        HANDLE vol = open_volume(guid);
+        ASSERT_NE(vol, INVALID_HANDLE_VALUE) << GetLastError();
+        std::vector<BYTE> buf(80);
+        DWORD returned = 0;
+        ASSERT_TRUE(DeviceIoControl(vol, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buf.data(), 80,
+                                    &returned, nullptr))
+            << GetLastError();
+        auto *v = reinterpret_cast<VOLUME_DISK_EXTENTS *>(buf.data());
+        EXPECT_EQ(returned, 32u);
+        ASSERT_EQ(v->NumberOfDiskExtents, 1u);
+        EXPECT_EQ(v->Extents[0].DiskNumber, loop.number);
+        EXPECT_EQ(v->Extents[0].StartingOffset.QuadPart, 0);
+        EXPECT_EQ(v->Extents[0].ExtentLength.QuadPart, kImageSize);
+        EXPECT_TRUE(CloseHandle(vol));
+    }
+
+    HANDLE d = open_disk(loop.number);
+    ASSERT_NE(d, INVALID_HANDLE_VALUE) << GetLastError();
+    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    OVERLAPPED ov{};
+    ov.hEvent = ev;
+    BOOL at_once = DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov);
+    if (!at_once) {
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+        ASSERT_EQ(WaitForSingleObject(ev, kBound), WAIT_OBJECT_0);
+    }
+    DWORD bytes = 9;
+    EXPECT_TRUE(GetOverlappedResult(d, &ov, &bytes, FALSE)) << GetLastError();
+    EXPECT_EQ(bytes, 0u);
+    EXPECT_EQ(ov.Internal, 0u);
+    EXPECT_TRUE(CloseHandle(d));
+    EXPECT_TRUE(CloseHandle(ev));
+}
+
+TEST_F(LinuxStorage, UnknownVolumeAndDiskAreNotFound) {
+    SetLastError(0);
+    EXPECT_EQ(open_volume("00000000-0000-4000-8000-00000000dead"), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+    SetLastError(0);
+    EXPECT_EQ(open_disk(1999), INVALID_HANDLE_VALUE); // loop999
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+    SetLastError(0);
+    EXPECT_EQ(open_disk(9999), INVALID_HANDLE_VALUE); // no family
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+}
+
+// ---- A disk served by FUSE ---------------------------------------------------------------------
+
+enum class Mode { Normal, Eio, Stall };
+
+struct Served {
+    std::mutex m;
+    std::condition_variable cv;
+    Mode mode = Mode::Normal;
+    unsigned stalled = 0; // reads held now
+    unsigned reads = 0;
+};
+Served g_served;
+
+int fs_getattr(const char *path, struct stat *st, fuse_file_info *) {
+    std::memset(st, 0, sizeof *st);
+    if (std::strcmp(path, "/") == 0) {
+        st->st_mode = S_IFDIR | 0755;
+        st->st_nlink = 2;
+        return 0;
+    }
+    if (std::strcmp(path, "/disk.img") == 0) {
+        st->st_mode = S_IFREG | 0644;
+        st->st_nlink = 1;
+        st->st_size = kImageSize;
+        return 0;
+    }
+    return -ENOENT;
+}
+
+int fs_open(const char *path, fuse_file_info *fi) {
+    if (std::strcmp(path, "/disk.img") != 0) return -ENOENT;
+    fi->direct_io = 1; // every read reaches us: no page cache hides a failing disk
+    return 0;
+}
+
+int fs_read(const char *, char *buf, size_t size, off_t off, fuse_file_info *) {
+    std::unique_lock<std::mutex> lk(g_served.m);
+    ++g_served.reads;
+    if (g_served.mode == Mode::Stall) {
+        ++g_served.stalled;
+        g_served.cv.notify_all();
+        // Bounded, so a test that fails never leaves the kernel waiting on us.
+        g_served.cv.wait_for(lk, std::chrono::seconds(20), [] { return g_served.mode != Mode::Stall; });
+        --g_served.stalled;
+    }
+    if (g_served.mode == Mode::Eio) return -EIO;
+    if (off >= kImageSize) return 0;
+    size_t n = std::min<size_t>(size, static_cast<size_t>(kImageSize - off));
+    std::memset(buf, 0, n);
+    return static_cast<int>(n);
+}
+
+int fs_write(const char *, const char *, size_t size, off_t, fuse_file_info *) { return static_cast<int>(size); }
+
+void set_mode(Mode m) {
+    std::lock_guard<std::mutex> lk(g_served.m);
+    g_served.mode = m;
+    g_served.cv.notify_all();
+}
+
+// The FUSE filesystem, its mount and the loop device over its file; all undone in TearDown.
+class FuseDisk : public LinuxStorage {
+protected:
+    void SetUp() override {
+        LinuxStorage::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse is not usable";
+        set_mode(Mode::Normal);
+        mnt_ = dir_ + "/mnt";
+        ASSERT_EQ(::mkdir(mnt_.c_str(), 0700), 0);
+        static fuse_operations ops = [] {
+            fuse_operations o{};
+            o.getattr = fs_getattr;
+            o.open = fs_open;
+            o.read = fs_read;
+            o.write = fs_write;
+            return o;
+        }();
+        char arg0[] = "qmt-stor-fuse";
+        char *argv[] = {arg0, nullptr};
+        fuse_args args = FUSE_ARGS_INIT(1, argv);
+        fuse_ = fuse_new(&args, &ops, sizeof ops, nullptr);
+        ASSERT_NE(fuse_, nullptr);
+        if (fuse_mount(fuse_, mnt_.c_str()) != 0) {
+            fuse_destroy(fuse_);
+            fuse_ = nullptr;
+            GTEST_SKIP() << "FUSE cannot mount here";
+        }
+        mounted_ = true;
+        loop_thread_ = std::thread([f = fuse_] { fuse_loop(f); });
+        if (!loop_.attach(mnt_ + "/disk.img")) GTEST_SKIP() << "losetup refuses a FUSE-served file";
+    }
+    void TearDown() override {
+        set_mode(Mode::Normal);
+        // Leave the kernel idle before the device and the mount go away.
+        for (int i = 0; i < 200 && qmtp_storage_probes_in_kernel() != 0; ++i) Sleep(10);
+        if (!loop_.dev.empty()) {
+            run("losetup -d " + loop_.dev);
+            loop_.dev.clear();
+        }
+        if (mounted_) fuse_unmount(fuse_);
+        if (loop_thread_.joinable()) loop_thread_.join();
+        if (fuse_) fuse_destroy(fuse_);
+        LinuxStorage::TearDown();
+    }
+
+    HANDLE open() {
+        HANDLE d = open_disk(loop_.number);
+        EXPECT_NE(d, INVALID_HANDLE_VALUE) << GetLastError();
+        return d;
+    }
+
+    std::string mnt_;
+    fuse *fuse_ = nullptr;
+    bool mounted_ = false;
+    std::thread loop_thread_;
+    Loop loop_;
+};
+
+struct Probe {
+    OVERLAPPED *ov = new OVERLAPPED{};
+    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    Probe() { ov->hEvent = ev; }
+    ~Probe() { free(); }
+    void free() {
+        if (ev) CloseHandle(ev);
+        delete ov;
+        ev = nullptr;
+        ov = nullptr;
+    }
+    BOOL issue(HANDLE d) {
+        SetLastError(0);
+        return DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, ov);
+    }
+};
+
+bool wait_stalled(unsigned n) {
+    std::unique_lock<std::mutex> lk(g_served.m);
+    return g_served.cv.wait_for(lk, std::chrono::milliseconds(kBound), [n] { return g_served.stalled >= n; });
+}
+
+TEST_F(FuseDisk, HealthyFileProbesHealthy) {
+    HANDLE d = open();
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    DWORD bytes = 1;
+    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
+    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, FALSE)) << GetLastError();
+    EXPECT_EQ(bytes, 0u);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(FuseDisk, ReadErrorFailsTheProbe) {
+    HANDLE d = open();
+    set_mode(Mode::Eio);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
+    DWORD bytes = 0;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_DEVICE));
+    EXPECT_NE(p.ov->Internal, 0u);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(FuseDisk, StalledReadMakesALateProbe) {
+    HANDLE d = open();
+    set_mode(Mode::Stall);
+    Probe p;
+    EXPECT_FALSE(p.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    ASSERT_TRUE(wait_stalled(1));
+    EXPECT_EQ(WaitForSingleObject(p.ev, 200), static_cast<DWORD>(WAIT_TIMEOUT));
+    DWORD bytes = 0;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_INCOMPLETE));
+    EXPECT_EQ(qmtp_storage_probes_in_kernel(), 1u);
+    set_mode(Mode::Normal);
+    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
+    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, FALSE)) << GetLastError();
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(FuseDisk, CancelledStuckProbeIsFreedAndLaterProbesWaitBehindIt) {
+    HANDLE d = open();
+    set_mode(Mode::Stall);
+    {
+        Probe stuck;
+        EXPECT_FALSE(stuck.issue(d));
+        ASSERT_TRUE(wait_stalled(1));
+        EXPECT_TRUE(CancelIo(d));
+        EXPECT_EQ(WaitForSingleObject(stuck.ev, 0), WAIT_OBJECT_0);
+        DWORD bytes = 0;
+        EXPECT_FALSE(GetOverlappedResult(d, stuck.ov, &bytes, FALSE));
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+    } // its OVERLAPPED and event are gone; the kernel still holds the read
+    Probe next;
+    EXPECT_FALSE(next.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    Sleep(50);
+    // One probe of this disk in the kernel, the next waits behind it rather than piling up.
+    EXPECT_EQ(qmtp_storage_probes_in_kernel(), 1u);
+    {
+        std::lock_guard<std::mutex> lk(g_served.m);
+        EXPECT_EQ(g_served.stalled, 1u);
+    }
+    set_mode(Mode::Normal);
+    ASSERT_EQ(WaitForSingleObject(next.ev, kBound), WAIT_OBJECT_0);
+    DWORD bytes = 0;
+    EXPECT_TRUE(GetOverlappedResult(d, next.ov, &bytes, FALSE)) << GetLastError();
+    EXPECT_LE(qmtp_storage_probe_threads(), 16u);
+    EXPECT_TRUE(CloseHandle(d));
+}
+
+TEST_F(FuseDisk, CloseWhileStuckLeavesTheProbeToTheBackend) {
+    HANDLE d = open();
+    set_mode(Mode::Stall);
+    auto p = std::make_unique<Probe>();
+    EXPECT_FALSE(p->issue(d));
+    ASSERT_TRUE(wait_stalled(1));
+    EXPECT_TRUE(CloseHandle(d));
+    EXPECT_EQ(WaitForSingleObject(p->ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    p.reset();
+    set_mode(Mode::Normal);
+    for (int i = 0; i < 1000 && qmtp_storage_probes_in_kernel() != 0; ++i) Sleep(10);
+    EXPECT_EQ(qmtp_storage_probes_in_kernel(), 0u);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    // The backend is chosen once, at first use.
+    ::setenv("QMT_STORAGE", "linux", 1);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
