@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# poll_100.sh QMTRM [SECONDS] [RESOURCES] - `qmtrm run` polling RESOURCES (100) sdw resources,
+# each on its own healthy one-disk volume, every second for SECONDS (10); prints the CPU time per
+# pass and the peak resident set size, from /usr/bin/time -v.
+set -eu
+qmtrm=$1
+seconds=${2:-10}
+count=${3:-100}
+work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-poll-XXXXXX")
+shm="qmtpoll$$"
+trap 'rm -rf "$work"; for f in /dev/shm/*"$shm"*; do [ -e "$f" ] && rm -f "$f"; done' EXIT
+mkdir -p "$work/conf/policy"
+{
+  echo '<root><cluster><delaywarn><monitor>80</monitor></delaywarn></cluster><monitor>'
+  for i in $(seq 0 $((count - 1))); do
+    echo "<sdw name=\"sdw$i\"><polling><interval>1</interval><timeout>60</timeout></polling><parameters><object>sd$i</object></parameters></sdw>"
+  done
+  echo '</monitor><resource>'
+  for i in $(seq 0 $((count - 1))); do
+    printf '<sd name="sd%d"><server name="node1"><parameters><volumeguid>7e57b0a5-0000-4000-8000-%012d</volumeguid></parameters></server></sd>\n' "$i" "$i"
+  done
+  echo '</resource></root>'
+} >"$work/conf/clp.conf"
+echo '<root><monitor><sdw><type>sdw</type><log><level>4</level><size>10000000</size></log></sdw></monitor></root>' \
+  >"$work/conf/policy/sdw.xml"
+echo '<root/>' >"$work/conf/policy/rm.xml"
+for i in $(seq 0 $((count - 1))); do
+  printf 'volume 7e57b0a5-0000-4000-8000-%012d disks %d\ndisk %d ok\n' "$i" "$i" "$i"
+done >"$work/sim.txt"
+
+QMT_STORAGE=sim /usr/bin/time -v -o "$work/time" "$qmtrm" run --conf-dir "$work/conf" --sim "$work/sim.txt" \
+  --log-dir "$work/log" --shm-name "$shm" --host node1 --duration "$seconds" >"$work/out" 2>&1
+passes=$(sed -n 's/.*passes: \([0-9]*\),.*/\1/p' "$work/out")
+user=$(sed -n 's/.*User time (seconds): //p' "$work/time")
+sys=$(sed -n 's/.*System time (seconds): //p' "$work/time")
+rss=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$work/time")
+echo "resources=$count seconds=$seconds passes=$passes user=${user}s sys=${sys}s peak_rss=${rss}KiB"
+awk -v u="$user" -v s="$sys" -v p="$passes" 'BEGIN { if (p > 0) printf "cpu_per_pass=%.1fus\n", (u + s) * 1e6 / p }'
