@@ -10,6 +10,8 @@
 
 namespace {
 
+constexpr SIZE_T kLargestBlock = static_cast<SIZE_T>(1) << 40;
+
 struct Heap {
     std::mutex lock;
     std::unordered_set<void *> blocks;
@@ -28,6 +30,11 @@ HGLOBAL WINAPI GlobalAlloc(UINT flags, SIZE_T bytes) {
     QMTP_FAULT_POINT("GlobalAlloc", NULL);
     if ((flags & ~static_cast<UINT>(GMEM_FIXED | GMEM_ZEROINIT)) != 0) {
         SetLastError(ERROR_INVALID_PARAMETER);
+        return NULL;
+    }
+    // Far beyond any real request (and beyond what sanitizer allocators accept): refuse it here.
+    if (bytes >= kLargestBlock) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return NULL;
     }
     const size_t size = bytes == 0 ? 1 : bytes;
