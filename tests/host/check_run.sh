@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# check_run.sh QMTRM clean|stuck - `qmtrm run` on the test configuration, stopped by SIGTERM.
+# check_run.sh QMTRM clean|stuck|disknp - `qmtrm run` on the test configuration, stopped by a signal.
 #   clean: every resource is started, polled and stopped; the service is torn down; exit 0.
 #   stuck: disk 2 hangs, so sdw1's pass is reported overdue once; at SIGTERM the host names sdw1,
 #          waits --stop-wait and leaves with 4 without tearing down.
+#   disknp: the network-partition service, stopped by SIGINT: workers started, polled, stopped.
 set -u
 qmtrm=$1
 mode=$2
@@ -18,12 +19,14 @@ cleanup() {
 trap cleanup EXIT
 cp -r "$here/conf" "$work/conf"
 [ "$mode" = stuck ] && echo "disk 2 hang" >>"$work/conf/sim.txt"
-QMT_STORAGE=sim "$qmtrm" run --service sdw --conf-dir "$work/conf" --sim "$work/conf/sim.txt" \
+service=sdw; signal=TERM
+[ "$mode" = disknp ] && { service=disknp; signal=INT; }
+QMT_STORAGE=sim "$qmtrm" run --service "$service" --conf-dir "$work/conf" --sim "$work/conf/sim.txt" \
   --log-dir "$work/log" --shm-name "$shm" --host node1 --stop-wait 500 >"$work/out" 2>&1 &
 pid=$!
 # clean: a few polling intervals; stuck: past sdw1's time-out of 2 s.
 sleep "$([ "$mode" = stuck ] && echo 3.5 || echo 2.5)"
-kill -TERM "$pid"
+kill -"$signal" "$pid"
 for _ in $(seq 1 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
 if kill -0 "$pid" 2>/dev/null; then cat "$work/out"; echo "FAIL: still running 10 s after SIGTERM"; exit 1; fi
 wait "$pid"
@@ -33,10 +36,18 @@ cat "$work/out"
 fail=0
 check() { grep -qF -- "$1" "$work/out" || { echo "FAIL: output lacks: $1"; fail=1; }; }
 refute() { ! grep -qF -- "$1" "$work/out" || { echo "FAIL: output has: $1"; fail=1; }; }
+check "start request -> status 0"; check "every 1 s, time-out 2 s"
+check "stopping on SIG$signal"
+if [ "$mode" = disknp ]; then
+  [ $rc -eq 0 ] || { echo "FAIL: exit status $rc, expected 0"; fail=1; }
+  check "InitNpRscDll -> status 0"
+  for r in np1 np2; do grep -q "$r .*stop request -> status 0" "$work/out" || { echo "FAIL: $r not stopped"; fail=1; }; done
+  check "UninitNpRscDll -> status 0"
+  grep -qF "<<< Start[0x110] of np1 >>>" "$work/log/sdw.log" || { echo "FAIL: np1 not started in sdw.log"; fail=1; }
+  exit $fail
+fi
 check "InitRscDll -> status 0"
 for r in sdw1 sdw2 sdw3; do check "$r"; done
-check "start request -> status 0"; check "every 1 s, time-out 2 s"
-check "stopping on SIGTERM"
 if [ "$mode" = clean ]; then
   [ $rc -eq 0 ] || { echo "FAIL: exit status $rc, expected 0"; fail=1; }
   check "stop request -> status 0"
