@@ -50,9 +50,9 @@ void write_entry(RmEntry &e, const RmData &d)
     std::memcpy(words, &d, sizeof d);
     uint32_t s = e.seq.load(std::memory_order_relaxed);
     e.seq.store(s + 1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
+    // Release on every word: a reader that sees any new word also sees the odd sequence.
     for (size_t i = 0; i < kRmWords; ++i)
-        e.words[i].store(words[i], std::memory_order_relaxed);
+        e.words[i].store(words[i], std::memory_order_release);
     e.seq.store(s + 2, std::memory_order_release);
 }
 

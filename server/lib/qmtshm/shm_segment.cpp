@@ -151,8 +151,7 @@ bool read_entry(const RmEntry &e, RmData &out)
             continue;
         }
         for (size_t i = 0; i < kRmWords; ++i)
-            words[i] = e.words[i].load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
+            words[i] = e.words[i].load(std::memory_order_acquire);
         if (e.seq.load(std::memory_order_relaxed) == s1) {
             std::memcpy(&out, words, sizeof out);
             return true;
