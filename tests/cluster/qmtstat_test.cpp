@@ -1,0 +1,123 @@
+// qmtstat run as its own process against segments this test fills.
+#include "cluster_test_util.h"
+#include "qmtshm.h"
+#include "qmtshm_admin.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <regex>
+#include <string>
+#include <vector>
+
+using namespace clustertest;
+
+namespace {
+
+struct Outcome {
+    int status;
+    std::vector<std::string> lines;
+};
+
+Outcome run(const std::string &args)
+{
+    std::string cmd = std::string("timeout 20 '") + QMTSTAT_PATH + "' " + args + " 2>&1";
+    Outcome r{-1, {}};
+    FILE *p = popen(cmd.c_str(), "r");
+    if (!p)
+        return r;
+    char line[1024];
+    while (fgets(line, sizeof line, p)) {
+        std::string s(line);
+        if (!s.empty() && s.back() == '\n')
+            s.pop_back();
+        r.lines.push_back(s);
+    }
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+class Qmtstat : public ::testing::Test {
+protected:
+    void TearDown() override
+    {
+        while (shmrm_detach() == 0) {
+        }
+        while (shmcm_detach() == 0) {
+        }
+    }
+    ShmPrefix shm{"stat"};
+};
+
+TEST_F(Qmtstat, NoSegmentsIsAnErrorWithAClearMessage)
+{
+    Outcome r = run("");
+    EXPECT_EQ(r.status, 1);
+    ASSERT_EQ(r.lines.size(), 1u);
+    EXPECT_EQ(r.lines[0], "qmtstat: no cluster shared memory (" + shm.cm() + ", " + shm.rm() +
+                              "): no monitor has attached yet");
+    EXPECT_EQ(shmcm_exists(), 0);
+    EXPECT_EQ(shmrm_exists(), 0);
+}
+
+TEST_F(Qmtstat, ShowsRatioAndOneRowPerResource)
+{
+    ASSERT_EQ(shmcm_attach(), 0);
+    ASSERT_EQ(shmrm_attach(), 0);
+    ASSERT_EQ(shmcm_setratio(2), 0);
+    ASSERT_EQ(shmrm_setmonprogress("sdw", "sdw1", QMT_DOMONTR_MONSTART), 0);
+    ASSERT_EQ(shmrm_setmonprogress("sdw", "sdw1", QMT_DOMONTR_MONEND), 0);
+    ASSERT_EQ(shmrm_setdescript(nullptr, "sdw", "sdw1", "Normal", 256), 0);
+    ASSERT_EQ(shmrm_setmonprogress("sdw", "sdw2", QMT_DOMONTR_MONSTART), 0);
+    ASSERT_EQ(shmrm_setdescript(nullptr, "sdw", "sdw3", "Disk error", 256), 0);
+    Outcome r = run("");
+    EXPECT_EQ(r.status, 0);
+    ASSERT_EQ(r.lines.size(), 5u);
+    EXPECT_EQ(r.lines[0], "ratio: 2");
+    EXPECT_TRUE(std::regex_match(r.lines[1], std::regex("TYPE +NAME +PROGRESS +AGE +DESCRIPTION"))) << r.lines[1];
+    EXPECT_TRUE(std::regex_match(r.lines[2], std::regex("sdw +sdw1 +4 MONEND +[0-9]+\\.[0-9]s +Normal")))
+        << r.lines[2];
+    EXPECT_TRUE(std::regex_match(r.lines[3], std::regex("sdw +sdw2 +3 MONSTART +[0-9]+\\.[0-9]s +")))
+        << r.lines[3];
+    EXPECT_TRUE(std::regex_match(r.lines[4], std::regex("sdw +sdw3 +0 - +- +Disk error"))) << r.lines[4];
+}
+
+TEST_F(Qmtstat, SetsTheRatio)
+{
+    Outcome r = run("--set-ratio 5");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.lines, std::vector<std::string>{"ratio: 5"});
+    int ratio = 0;
+    ASSERT_EQ(shmcm_peekratio(&ratio), 0);
+    EXPECT_EQ(ratio, 5);
+    // Only the cluster segment exists now.
+    r = run("");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.lines, (std::vector<std::string>{"ratio: 5", "resources: (no resource shared memory)"}));
+}
+
+TEST_F(Qmtstat, WatchStopsAfterCount)
+{
+    ASSERT_EQ(shmcm_setratio(1), 0);
+    Outcome r = run("-w 1 -n 2");
+    EXPECT_EQ(r.status, 0);
+    ASSERT_EQ(r.lines.size(), 6u);
+    EXPECT_TRUE(std::regex_match(r.lines[0], std::regex("--- [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}")));
+    EXPECT_EQ(r.lines[1], "ratio: 1");
+    EXPECT_EQ(r.lines[4], "ratio: 1");
+}
+
+TEST_F(Qmtstat, BadOptionsAreRefused)
+{
+    EXPECT_NE(run("-n 2").status, 0);
+    EXPECT_NE(run("-w 0").status, 0);
+    EXPECT_NE(run("--set-ratio 2 -w 1").status, 0);
+    Outcome help = run("--help");
+    EXPECT_EQ(help.status, 0);
+    ASSERT_FALSE(help.lines.empty());
+    EXPECT_EQ(help.lines[0].rfind("qmtstat:", 0), 0u);
+}
+
+}  // namespace
