@@ -37,7 +37,7 @@ struct Waiter {
     std::condition_variable cv;
 };
 
-struct Object {
+struct Object : std::enable_shared_from_this<Object> {
     explicit Object(Kind k) : kind(k) {}
     Kind kind;
     bool signalled = false; // event and timer state; for a thread: it has ended
@@ -174,7 +174,7 @@ bool ready(Object &o, DWORD tid, Clock::time_point now) {
 }
 
 // Takes a ready object for the waiting thread; true when it was an abandoned mutex.
-bool acquire(const ObjectPtr &o, DWORD tid) {
+bool acquire(Object *o, DWORD tid) {
     switch (o->kind) {
     case Kind::Mutex: {
         if (o->owner == tid) {
@@ -183,7 +183,7 @@ bool acquire(const ObjectPtr &o, DWORD tid) {
             o->owner = tid;
             o->recursion = 1;
             t_exit.tid = tid;
-            t_exit.owned.emplace_back(o);
+            t_exit.owned.emplace_back(o->weak_from_this());
         }
         const bool was_abandoned = o->abandoned;
         o->abandoned = false;
@@ -201,7 +201,7 @@ bool acquire(const ObjectPtr &o, DWORD tid) {
     return false;
 }
 
-DWORD wait_handles(const char *, DWORD count, const HANDLE *handles, bool wait_all, DWORD ms) {
+DWORD wait_handles(DWORD count, const HANDLE *handles, bool wait_all, DWORD ms) {
     if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || handles == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return WAIT_FAILED;
@@ -209,18 +209,22 @@ DWORD wait_handles(const char *, DWORD count, const HANDLE *handles, bool wait_a
     Engine &e = engine();
     const DWORD tid = current_thread_id();
     const bool forever = ms == INFINITE;
-    const auto limit = Clock::now() + std::chrono::milliseconds(forever ? 0 : ms);
-    std::array<ObjectPtr, MAXIMUM_WAIT_OBJECTS> objs;
+    // Raw pointers are enough while the lock is held; references are taken only before sleeping,
+    // so a handle closed meanwhile cannot free what this waiter still looks at.
+    std::array<Object *, MAXIMUM_WAIT_OBJECTS> objs;
+    std::vector<ObjectPtr> keep;
     Waiter self;
-    bool registered = false;
+    bool has_timer = false;
 
     std::unique_lock<std::mutex> lk(e.lock);
     for (DWORD i = 0; i < count; ++i) {
-        objs[i] = find_locked(e, handles[i]);
-        if (!objs[i] || objs[i]->kind == Kind::File) {
+        auto it = e.table.find(reinterpret_cast<uintptr_t>(handles[i]));
+        if (it == e.table.end() || it->second->kind == Kind::File) {
             SetLastError(ERROR_INVALID_HANDLE);
             return WAIT_FAILED;
         }
+        objs[i] = it->second.get();
+        has_timer = has_timer || objs[i]->kind == Kind::Timer;
         if (wait_all) {
             for (DWORD j = 0; j < i; ++j) {
                 if (objs[j] == objs[i]) {
@@ -231,8 +235,15 @@ DWORD wait_handles(const char *, DWORD count, const HANDLE *handles, bool wait_a
         }
     }
 
+    // The clock is read only when a time-out or a timer needs it.
+    const bool timed = !forever && ms != 0;
+    const auto start = timed || has_timer ? Clock::now() : Clock::time_point{};
+    const auto limit = start + std::chrono::milliseconds(timed ? ms : 0);
+    auto now = start;
+    bool fresh = true;
+
     auto unregister = [&] {
-        if (!registered)
+        if (keep.empty())
             return;
         for (DWORD i = 0; i < count; ++i) {
             auto &ws = objs[i]->waiters;
@@ -241,7 +252,9 @@ DWORD wait_handles(const char *, DWORD count, const HANDLE *handles, bool wait_a
     };
 
     for (;;) {
-        const auto now = Clock::now();
+        if (!fresh && (timed || has_timer))
+            now = Clock::now();
+        fresh = false;
         if (wait_all) {
             bool all = true;
             for (DWORD i = 0; i < count; ++i)
@@ -263,16 +276,18 @@ DWORD wait_handles(const char *, DWORD count, const HANDLE *handles, bool wait_a
                 }
             }
         }
-        if (!forever && now >= limit) {
+        if (ms == 0 || (timed && now >= limit)) {
             unregister();
             return WAIT_TIMEOUT;
         }
-        if (!registered) {
-            for (DWORD i = 0; i < count; ++i)
+        if (keep.empty()) {
+            keep.reserve(count);
+            for (DWORD i = 0; i < count; ++i) {
+                keep.push_back(objs[i]->shared_from_this());
                 objs[i]->waiters.push_back(&self);
-            registered = true;
+            }
         }
-        bool bounded = !forever;
+        bool bounded = timed;
         auto wake = limit;
         for (DWORD i = 0; i < count; ++i) {
             const Object &o = *objs[i];
@@ -431,11 +446,11 @@ BOOL WINAPI ReleaseMutex(HANDLE mutex) {
     }
     if (--o->recursion == 0) {
         o->owner = 0;
+        // Same control block = same object; no need to lock the weak references.
         auto &owned = qmtp::t_exit.owned;
         owned.erase(std::remove_if(owned.begin(), owned.end(),
                                    [&](const std::weak_ptr<Object> &w) {
-                                       ObjectPtr p = w.lock();
-                                       return !p || p == o;
+                                       return w.expired() || (!w.owner_before(o) && !o.owner_before(w));
                                    }),
                     owned.end());
         qmtp::notify(*o);
@@ -552,12 +567,12 @@ BOOL WINAPI CancelWaitableTimer(HANDLE timer) {
 
 DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
     QMTP_FAULT_POINT("WaitForSingleObject", WAIT_FAILED);
-    return qmtp::wait_handles("WaitForSingleObject", 1, &handle, false, milliseconds);
+    return qmtp::wait_handles(1, &handle, false, milliseconds);
 }
 
 DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL wait_all, DWORD milliseconds) {
     QMTP_FAULT_POINT("WaitForMultipleObjects", WAIT_FAILED);
-    return qmtp::wait_handles("WaitForMultipleObjects", count, handles, wait_all != FALSE, milliseconds);
+    return qmtp::wait_handles(count, handles, wait_all != FALSE, milliseconds);
 }
 
 BOOL WINAPI CloseHandle(HANDLE handle) {
