@@ -1,0 +1,50 @@
+// fixture.h - common ground of the plug-in tests: a clean world per test (doubles, sim storage,
+// faults, ticks), a configuration writer, and the leak check.
+#pragma once
+
+#include "doubles.h"
+#include "qmtplat.h"
+#include "sdw.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace sdwtest {
+
+struct Resource {
+    std::string name;
+    int timeout = 60;
+    std::string object = "sd1";
+    std::string guid = "00000000-0000-4000-8000-000000000001";
+    bool guid_readable = true;
+};
+
+// Describes the sdw configuration to the configuration double: policy values, the delay ratio,
+// the resource list and each resource's keys (server "node1").
+void configure(const std::vector<Resource> &resources, int delay_ratio = 80, int log_level = 4,
+               int log_size = 10000000);
+
+// Log lines "LEVEL|text" written at or below level 4 (what a log at its default keeps), and all.
+std::vector<std::string> lines_upto(int level);
+// True when `line` ("LEVEL|text") appears among the recorded log lines.
+bool logged(const std::string &line);
+// The lines (all levels) that mention `needle`.
+std::vector<std::string> lines_with(const std::string &needle);
+// Events written: "ID|text" with the ID in hex ("0xc0000e44|sdw1").
+std::vector<std::string> events();
+
+class PluginTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    // Initialises the sdw service on the current configuration; asserts success.
+    void init();
+    void uninit();
+
+    long handles_at_start_ = 0;
+    long allocations_at_start_ = 0;
+};
+
+}  // namespace sdwtest

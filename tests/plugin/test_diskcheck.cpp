@@ -1,0 +1,331 @@
+// Volume-to-disk resolution and the timed disk check, on simulated disks.
+#include "fixture.h"
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+using namespace sdwtest;
+using qmtp::sim::Behaviour;
+
+namespace {
+
+class DiskCheckTest : public PluginTest {
+protected:
+    void SetUp() override
+    {
+        PluginTest::SetUp();
+        std::memset(&rsc_, 0, sizeof rsc_);
+        std::strcpy(rsc_.name, "disk-a");
+        std::strcpy(rsc_.volume_guid, "00000000-0000-4000-8000-000000000001");
+        rsc_.timeout = 60;
+        rsc_.mutex = CreateMutexA(nullptr, FALSE, nullptr);
+        std::strcpy(gsdwMonitorType, "sdw");
+        gsdwDelayRatio = 80;
+        qmtp::sim::set_volume("00000000-0000-4000-8000-000000000001", {0});
+        qmtp::sim::set_volume("00000000-0000-4000-8000-000000000003", {4, 2, 7});
+        for (DWORD d : {0u, 2u, 4u, 7u}) qmtp::sim::set_disk(d, {});
+        doubles::clear_calls();
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(rsc_.extents, nullptr);
+        EXPECT_EQ(rsc_.device_handles, nullptr);
+        CloseHandle(rsc_.mutex);
+        PluginTest::TearDown();
+    }
+    std::vector<std::string> lun_lines() { return lines_with("LUN->"); }
+    // Runs one check whose single probe answers exactly `elapsed` ms after it was issued, by the
+    // tick: the clock stands still while the disk hangs, then moves and the disk answers.
+    int32_t check_answering_after(DWORD elapsed)
+    {
+        qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
+        qmtp_tick_freeze(5000);
+        std::atomic<int32_t> status{-1};
+        std::thread check([&] { status = SdwMonitor(&rsc_); });
+        while (qmtp::sim::pending_count(0) == 0) Sleep(1);
+        qmtp_tick_freeze(5000 + elapsed);
+        qmtp::sim::release(0);
+        check.join();
+        qmtp_tick_thaw();
+        return status.load();
+    }
+    SDW_RSC rsc_;
+};
+
+TEST_F(DiskCheckTest, SingleDiskVolumeResolvesWithOneRequest)
+{
+    ASSERT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000001"), 0);
+    ASSERT_NE(rsc_.extents, nullptr);
+    EXPECT_EQ(rsc_.extents->NumberOfDiskExtents, 1u);
+    EXPECT_EQ(SdwExtentDisk(rsc_.extents, 0), 0u);
+    EXPECT_TRUE(lines_with("DiskExtents=").empty());
+    const std::vector<std::string> expected = {"4|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000001} LUN->0"};
+    EXPECT_EQ(lun_lines(), expected);
+    EXPECT_EQ(qmtp_call_count("DeviceIoControl"), 1u);
+    GlobalFree(rsc_.extents);
+    rsc_.extents = nullptr;
+}
+
+TEST_F(DiskCheckTest, ThreeDiskVolumeTakesTheMoreDataPath)
+{
+    qmtp_fault_clear();  // resets the call counters
+    ASSERT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000003"), 0);
+    EXPECT_EQ(qmtp_call_count("DeviceIoControl"), 2u);
+    EXPECT_TRUE(logged("4|DiskExtents=3 Size=80"));
+    const std::vector<std::string> expected = {"4|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000003} LUN->4",
+                                               "4|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000003} LUN->2",
+                                               "4|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000003} LUN->7"};
+    EXPECT_EQ(lun_lines(), expected);
+    GlobalFree(rsc_.extents);
+    rsc_.extents = nullptr;
+}
+
+TEST_F(DiskCheckTest, ResolutionFailuresLeaveNoBuffer)
+{
+    EXPECT_EQ(SdwGetLUN(&rsc_, "nope"), 1);
+    EXPECT_TRUE(logged("1|CreateFile() failed. (Name=disk-a Path=\\\\?\\Volume{nope} Err=2)"));
+    EXPECT_EQ(rsc_.extents, nullptr);
+
+    qmtp::sim::set_volume_extents_error("00000000-0000-4000-8000-000000000001", 1);
+    EXPECT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000001"), 5);
+    EXPECT_TRUE(logged("1|DeviceIoControl() failed. (Name=disk-a Err=1)"));
+    EXPECT_EQ(rsc_.extents, nullptr);
+    qmtp::sim::set_volume_extents_error("00000000-0000-4000-8000-000000000001", 0);
+
+    qmtp_fault_set("GlobalAlloc", 1, 8);
+    EXPECT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000001"), 7);
+    EXPECT_TRUE(logged("1|MEMALLOC() failed. (Name=disk-a Err=8)"));
+    qmtp_fault_set("GlobalAlloc", 2, 8);  // the second, larger buffer
+    EXPECT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000003"), 7);
+    qmtp_fault_set("DeviceIoControl", 2, 1117);
+    EXPECT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000003"), 5);
+    EXPECT_TRUE(logged("1|DeviceIoControl() failed. (Name=disk-a Err=1117)"));
+    EXPECT_EQ(rsc_.extents, nullptr);
+}
+
+TEST_F(DiskCheckTest, ACallWithExtentsAlreadySetDoesNoIo)
+{
+    auto *old = static_cast<VOLUME_DISK_EXTENTS *>(GlobalAlloc(GPTR, 32));
+    rsc_.extents = old;
+    qmtp_fault_clear();
+    EXPECT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000001"), 0);
+    EXPECT_EQ(rsc_.extents, old);
+    EXPECT_EQ(qmtp_call_count("CreateFileA"), 0u);
+    EXPECT_EQ(lines_with("Invalid seaquence, not NULL. (Name=disk-a Vol=").size(), 1u);
+    GlobalFree(old);
+    rsc_.extents = nullptr;
+}
+
+TEST_F(DiskCheckTest, HealthyCheckReportsProgressAndWritesNoEvent)
+{
+    EXPECT_EQ(SdwMonitor(&rsc_), 0);
+    EXPECT_EQ(doubles::progress("sdw", "disk-a"), (std::vector<int>{3, 4}));
+    EXPECT_TRUE(events().empty());
+    EXPECT_EQ(lines_with("I/O start").size(), 1u);
+    EXPECT_EQ(lines_with("I/O end").size(), 1u);
+    EXPECT_TRUE(lines_with("I/O pending").empty()) << "an at-once answer has no pending lines";
+    EXPECT_TRUE(lines_with("Result of overLapped").empty());
+    EXPECT_EQ(gsdwTimeoutRatio, 1);
+}
+
+TEST_F(DiskCheckTest, PendingProbeWritesTheSevenResultLines)
+{
+    qmtp::sim::set_disk(0, {Behaviour::Delay, 20, 0});
+    EXPECT_EQ(SdwMonitor(&rsc_), 0);
+    const std::vector<std::string> result = lines_with("*** Result of overLapped");
+    ASSERT_EQ(result.size(), 7u);
+    EXPECT_EQ(result[0], "8|*** Result of overLapped (Name=disk-a TransByts=0 LUN=0)");
+    EXPECT_EQ(result[2], "8|*** Result of overLapped (Name=disk-a Offset=0 LUN=0)");
+    EXPECT_EQ(result[4], "8|*** Result of overLapped (Name=disk-a Internal=0 LUN=0)");
+    EXPECT_EQ(result[6], result[0]);
+    EXPECT_EQ(lines_with("I/O pending. (Name=disk-a").size(), 1u);
+    EXPECT_EQ(lines_with("I/O pending completed. (Name=disk-a").size(), 1u);
+}
+
+TEST_F(DiskCheckTest, DelayRatioZeroMakesEveryAnswerLate)
+{
+    gsdwDelayRatio = 0;
+    doubles::set_ratio(0);  // below 1: taken as 1
+    EXPECT_EQ(SdwMonitor(&rsc_), 0);
+    const std::vector<std::string> ev = events();
+    ASSERT_EQ(ev.size(), 1u);
+    EXPECT_EQ(ev[0].substr(0, 19), "0x80000e43|disk-a60");
+    EXPECT_EQ(lines_with("Delayed. (Name=disk-a DelayTime=0msec").size(), 1u);
+    EXPECT_EQ(gsdwTimeoutRatio, 1);
+}
+
+TEST_F(DiskCheckTest, ElapsedEqualToTheThresholdWarnsAndOneLessDoesNot)
+{
+    // timeout 60, ratio 1, delay ratio 80: D = 48000 ms.
+    EXPECT_EQ(check_answering_after(47999), 0);
+    EXPECT_TRUE(events().empty());
+    doubles::clear_calls();
+    EXPECT_EQ(check_answering_after(48000), 0);
+    EXPECT_EQ(events(), std::vector<std::string>{"0x80000e43|disk-a604800080"});
+    EXPECT_EQ(lines_with("2|Delayed. (Name=disk-a DelayTime=48000msec Time=48000(53000-5000)msec LUN=0)").size(), 1u);
+}
+
+TEST_F(DiskCheckTest, ThresholdFollowsDoublePrecisionArithmetic)
+{
+    // 29 / 100.0 * 100 * 1000 is 28999.99..., so D is 28999, not 29000.
+    gsdwDelayRatio = 29;
+    rsc_.timeout = 50;
+    doubles::set_ratio(2);
+    EXPECT_EQ(check_answering_after(28998), 0);
+    EXPECT_TRUE(events().empty());
+    EXPECT_EQ(check_answering_after(28999), 0);
+    EXPECT_EQ(events().size(), 1u);
+    EXPECT_EQ(gsdwTimeoutRatio, 2);
+    EXPECT_EQ(lines_with("DelayTime=28999msec").size(), 1u);
+    EXPECT_EQ(lines_with("Time=100sec").size(), 6u);  // I/O start, pending and end of both checks
+}
+
+TEST_F(DiskCheckTest, ProbeAcrossTheTickWrapIsTimedCorrectly)
+{
+    rsc_.timeout = 1;  // D = 800 ms
+    qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
+    qmtp_tick_freeze(0xFFFFFF00u);
+    std::thread check([&] { SdwMonitor(&rsc_); });
+    while (qmtp::sim::pending_count(0) == 0) Sleep(1);
+    qmtp_tick_freeze(0x00000100u);  // 512 ms later, past the wrap
+    qmtp::sim::release(0);
+    check.join();
+    qmtp_tick_thaw();
+    EXPECT_TRUE(events().empty()) << "512 ms is below the 800 ms threshold";
+    EXPECT_EQ(lines_with("Renew slowest lap. (Name=disk-a SlowestLap=0msec->512msec)").size(), 1u);
+    EXPECT_EQ(rsc_.mon_tick, 512u);
+}
+
+TEST_F(DiskCheckTest, FirstRefusedProbeEndsTheCheckWithStatus5)
+{
+    std::strcpy(rsc_.volume_guid, "00000000-0000-4000-8000-000000000003");
+    qmtp::sim::set_disk(4, {Behaviour::Refuse, 0, 21});
+    EXPECT_EQ(SdwMonitor(&rsc_), 5);
+    EXPECT_EQ(qmtp::sim::probe_count(2), 0u) << "the second disk is not probed";
+    EXPECT_EQ(lines_with("DeviceIoControl(0x2d4800) failed. (Name=disk-a").size(), 1u);
+    EXPECT_EQ(doubles::progress("sdw", "disk-a"), (std::vector<int>{3, 4}));
+    EXPECT_EQ(events(), std::vector<std::string>{"0xc0000e44|disk-a"});
+}
+
+TEST_F(DiskCheckTest, CompletionWithErrorIsStatus5)
+{
+    qmtp::sim::set_disk(0, {Behaviour::Fail, 5, 1117});
+    EXPECT_EQ(SdwMonitor(&rsc_), 5);
+    EXPECT_EQ(lines_with("GetOverlappedResult() failed. (Name=disk-a").size(), 1u);
+    EXPECT_EQ(lines_with("Err=1117)").size(), 1u);
+}
+
+TEST_F(DiskCheckTest, SecondDiskNotOpenedMeansStatus4WithoutStartReport)
+{
+    std::strcpy(rsc_.volume_guid, "00000000-0000-4000-8000-000000000003");
+    qmtp::sim::set_disk(2, {Behaviour::OpenFail, 0, 5});
+    EXPECT_EQ(SdwMonitor(&rsc_), 4);
+    EXPECT_TRUE(logged("1|CreateFile() failed. (Name=disk-a Dev=\\\\.\\PHYSICALDRIVE2 Err=5)"));
+    EXPECT_TRUE(doubles::progress("sdw", "disk-a").empty());
+    EXPECT_TRUE(events().empty());
+    EXPECT_TRUE(lines_with("slowest lap").empty());
+}
+
+TEST_F(DiskCheckTest, UnresolvedVolumeIsStatus4WithoutEvent)
+{
+    std::strcpy(rsc_.volume_guid, "gone");
+    EXPECT_EQ(SdwMonitor(&rsc_), 4);
+    EXPECT_TRUE(logged("1|SdwGetLUN() failed. (Name=disk-a Ret=1)"));
+    EXPECT_TRUE(events().empty());
+}
+
+TEST_F(DiskCheckTest, StartReportFailureIs190)
+{
+    doubles::fail("shmrm_setmonprogress", 3);
+    EXPECT_EQ(SdwMonitor(&rsc_), 190);
+    EXPECT_TRUE(logged("2|shmrm_setmonprogress() QMT_DOMONTR_MONSTART failed. (Name=disk-a, Err=3)"));
+    EXPECT_TRUE(lines_with("I/O start").empty());
+}
+
+TEST_F(DiskCheckTest, EndReportFailureIsOnlyLogged)
+{
+    doubles::fail("shmrm_setmonprogress(sdw|disk-a|4)", 3);
+    EXPECT_EQ(SdwMonitor(&rsc_), 0);
+    EXPECT_TRUE(logged("2|shmrm_setmonprogress() QMT_DOMONTR_MONEND failed. (Name=disk-a, Err=3)"));
+}
+
+TEST_F(DiskCheckTest, RatioFailureMeansRatioOne)
+{
+    doubles::set_ratio(5);
+    doubles::fail("shmcm_getratio", 8);
+    EXPECT_EQ(SdwMonitor(&rsc_), 0);
+    EXPECT_TRUE(logged("2|shmcm_getratio() failed. (Ret=8)"));
+    EXPECT_EQ(gsdwTimeoutRatio, 1);
+    EXPECT_EQ(lines_with("Time=60sec").size(), 2u);
+}
+
+TEST_F(DiskCheckTest, StateChangeEventsFollowTheStoredStatus)
+{
+    struct Case {
+        int32_t last;
+        Behaviour now;
+        std::vector<std::string> events;
+        bool normary;
+    };
+    const std::vector<Case> cases = {
+        {0, Behaviour::Refuse, {"0xc0000e44|disk-a"}, false},
+        {5, Behaviour::Refuse, {}, false},
+        {5, Behaviour::Ok, {"0x40000e45|disk-a"}, true},
+        {4, Behaviour::Ok, {"0x40000e45|disk-a"}, true},
+        {100, Behaviour::Ok, {}, true},
+        {190, Behaviour::Ok, {}, true},
+        {0, Behaviour::Ok, {}, false},
+    };
+    for (const Case &c : cases) {
+        doubles::clear_calls();
+        rsc_.result = c.last;
+        qmtp::sim::set_disk(0, {c.now, 0, 21});
+        SdwMonitor(&rsc_);
+        EXPECT_EQ(events(), c.events) << "last " << c.last;
+        EXPECT_EQ(lines_with("Changed normary. (Name=disk-a LastStatus=" + std::to_string(c.last) + ")").size(),
+                  c.normary ? 1u : 0u)
+            << "last " << c.last;
+    }
+}
+
+TEST_F(DiskCheckTest, HungDiskHoldsTheCheckUntilReleased)
+{
+    qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
+    std::atomic<bool> done{false};
+    std::thread check([&] {
+        EXPECT_EQ(SdwMonitor(&rsc_), 0);
+        done = true;
+    });
+    while (qmtp::sim::pending_count(0) == 0) Sleep(1);
+    Sleep(100);
+    EXPECT_FALSE(done.load()) << "no limit on the wait of its own";
+    qmtp::sim::release(0);
+    check.join();
+    EXPECT_TRUE(done.load());
+}
+
+TEST_F(DiskCheckTest, EveryAllocationAndHandleFailingInTurnLeaksNothing)
+{
+    std::strcpy(rsc_.volume_guid, "00000000-0000-4000-8000-000000000003");
+    for (const char *function : {"CreateEventA", "GlobalAlloc", "CreateFileA", "DeviceIoControl", "ResetEvent"}) {
+        qmtp_fault_clear();
+        SdwMonitor(&rsc_);
+        const unsigned calls = qmtp_call_count(function);
+        ASSERT_GT(calls, 0u) << function;
+        for (unsigned n = 1; n <= calls; n++) {
+            qmtp_fault_clear();
+            qmtp_fault_set(function, n, 8);
+            SdwMonitor(&rsc_);
+            EXPECT_EQ(rsc_.extents, nullptr) << function << " #" << n;
+            EXPECT_EQ(rsc_.device_handles, nullptr) << function << " #" << n;
+            EXPECT_EQ(qmtp_live_handles(), handles_at_start_ + 1) << function << " #" << n;  // + the record lock
+        }
+    }
+    qmtp_fault_clear();
+    qmtp_fault_set("CreateEventA", 1, 8);
+    EXPECT_EQ(SdwMonitor(&rsc_), 190);
+    EXPECT_TRUE(logged("2|CreateEvent() failed. (Name=disk-a Err=8)"));
+}
+
+}  // namespace

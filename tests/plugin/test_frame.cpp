@@ -1,0 +1,159 @@
+// The resource table lookup, the record lock helpers, the accessors and the tick source.
+#include "fixture.h"
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+using namespace sdwtest;
+
+namespace {
+
+class FrameTest : public PluginTest {
+protected:
+    void SetUp() override
+    {
+        PluginTest::SetUp();
+        std::memset(table_, 0, sizeof table_);
+        std::strcpy(table_[0].name, "sdw1");
+        std::strcpy(table_[1].name, "sdw2");
+        std::strcpy(table_[2].name, "sdw1");
+        gsdwlpRsc = table_;
+        gsdwRscCount = 3;
+    }
+    void TearDown() override
+    {
+        gsdwlpRsc = nullptr;
+        gsdwRscCount = 0;
+        PluginTest::TearDown();
+    }
+    SDW_RSC table_[3];
+};
+
+TEST_F(FrameTest, LookupIsExactCaseSensitiveAndTakesTheFirstOfTwins)
+{
+    EXPECT_EQ(SdwFindRsc("sdw1"), &table_[0]);
+    EXPECT_EQ(SdwFindRsc("sdw2"), &table_[1]);
+    EXPECT_EQ(SdwFindRsc("SDW1"), nullptr);
+    EXPECT_EQ(SdwFindRsc("sdw"), nullptr);
+    EXPECT_EQ(SdwFindRsc("sdw12"), nullptr);
+    EXPECT_EQ(SdwFindRsc(""), nullptr);
+    EXPECT_EQ(SdwFindRsc(nullptr), nullptr);
+}
+
+TEST_F(FrameTest, LookupFindsNothingWithoutATableOrWithCountZero)
+{
+    gsdwRscCount = 0;
+    EXPECT_EQ(SdwFindRsc("sdw1"), nullptr);
+    gsdwRscCount = 3;
+    gsdwlpRsc = nullptr;
+    EXPECT_EQ(SdwFindRsc("sdw1"), nullptr);
+}
+
+TEST_F(FrameTest, AccessorOnARecordWithoutLockLogsBothFailuresAndStillStores)
+{
+    doubles::clear_calls();
+    SdwSetResult(&table_[1], 5);
+    EXPECT_EQ(table_[1].result, 5);
+    const std::vector<std::string> expected = {
+        "32|Start - (Status=5 Name=sdw2)",
+        "32|Start - (Hdl=0 Timeout=10000)",
+        "1|WaitForSingleObject() failed. (Hdl=0 Err=6)",
+        "32|End - (Ret=99)",
+        "1|SdwMutexLock() failed. (Ret=99)",
+        "32|Start - (Hdl=0)",
+        "1|ReleaseMutex() failed. (Hdl=0 Err=6)",
+        "32|End - (Ret=99)",
+        "1|SdwMutexUnlock() failed. (Ret=99)",
+        "32|End - ()",
+    };
+    EXPECT_EQ(doubles::log_lines(), expected);
+    EXPECT_EQ(SdwGetResult(&table_[1]), 5);
+}
+
+TEST_F(FrameTest, AccessorsReadAndWriteTheirFieldsUnderTheRecordLock)
+{
+    for (SDW_RSC &r : table_) {
+        r.mutex = CreateMutexA(nullptr, FALSE, nullptr);
+        ASSERT_NE(r.mutex, nullptr);
+    }
+    doubles::clear_calls();
+    SdwSetMonTick(&table_[0], 0xFFFFFFF0u);
+    SdwSetIsDoMontr(&table_[0], 1);
+    EXPECT_EQ(SdwGetMonTick(&table_[0]), 0xFFFFFFF0u);
+    EXPECT_EQ(SdwGetIsDoMontr(&table_[0]), 1);
+    EXPECT_EQ(SdwGetIsDoMontr(&table_[1]), 0);
+    EXPECT_TRUE(lines_with("failed").empty());
+    EXPECT_TRUE(logged("32|Start - (Name=sdw1 Tick=4294967280)"));
+    EXPECT_TRUE(logged("32|End - (Ret=-16)"));
+    for (SDW_RSC &r : table_) {
+        CloseHandle(r.mutex);
+    }
+}
+
+TEST_F(FrameTest, MutexLockTimesOutWith6AndTheExactMessage)
+{
+    HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
+    std::thread owner([&] { WaitForSingleObject(mutex, INFINITE); });
+    owner.join();  // the owner ended: the mutex is abandoned
+    EXPECT_EQ(SdwMutexLock(mutex, 50), 99) << "abandoned: the caller owns it, but the code is 99";
+    EXPECT_EQ(SdwMutexUnlock(mutex), 0);
+
+    std::atomic<bool> held{false}, done{false};
+    std::thread holder([&] {
+        WaitForSingleObject(mutex, INFINITE);
+        held = true;
+        while (!done) Sleep(1);
+        ReleaseMutex(mutex);
+    });
+    while (!held) Sleep(1);
+    doubles::clear_calls();
+    EXPECT_EQ(SdwMutexLock(mutex, 30), 6);
+    char line[128];
+    std::snprintf(line, sizeof line, "1|WaitForSingleObject() timeout. (Hdl=%#x Timeout=30)", SDW_HDL(mutex));
+    EXPECT_TRUE(logged(line));
+    done = true;
+    holder.join();
+    EXPECT_EQ(SdwMutexLock(mutex, -1), 0) << "a negative time-out waits without limit";
+    EXPECT_EQ(SdwMutexUnlock(mutex), 0);
+    CloseHandle(mutex);
+}
+
+TEST_F(FrameTest, TickIsNeverZeroAcrossTheWrap)
+{
+    qmtp_tick_freeze(0);
+    EXPECT_EQ(GetTickCount(), 0u);
+    EXPECT_EQ(SdwGetTick(), 1u);
+    qmtp_tick_freeze(0xFFFFFFFFu);
+    EXPECT_EQ(SdwGetTick(), 0xFFFFFFFFu);
+    qmtp_tick_thaw();
+    qmtp_tick_set(0xFFFFFFF0u);
+    for (int i = 0; i < 40; i++) {
+        EXPECT_NE(SdwGetTick(), 0u);
+        Sleep(1);
+    }
+}
+
+TEST_F(FrameTest, ConcurrentAccessorsOnOneRecordKeepEveryValueWhole)
+{
+    table_[0].mutex = CreateMutexA(nullptr, FALSE, nullptr);
+    std::atomic<bool> bad{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 300; i++) {
+                SdwSetResult(&table_[0], (t + 1) * 0x01010101);
+                int32_t v = SdwGetResult(&table_[0]);
+                if (v % 0x01010101 != 0) bad = true;
+                SdwSetMonTick(&table_[0], static_cast<uint32_t>(i));
+                SdwGetMonTick(&table_[0]);
+            }
+        });
+    }
+    for (auto &th : threads) th.join();
+    EXPECT_FALSE(bad);
+    EXPECT_TRUE(lines_with("failed").empty());
+    CloseHandle(table_[0].mutex);
+}
+
+}  // namespace
