@@ -1,0 +1,63 @@
+// npfixture.h - common ground of the disknp tests: a clean world per test (doubles, simulated
+// disks, faults, ticks), a configuration writer, bounded waits and the leak check.
+#pragma once
+
+#include "doubles.h"
+#include "qmtplat.h"
+#include "sdw.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace nptest {
+
+// A volume GUID of the simulated storage, different for each n.
+std::string vol(unsigned n);
+
+struct NpResource {
+    std::string name;
+    int timeout = 1;
+    int interval = 1;
+    int count = 0;
+    int device = 0;
+    std::string guid = vol(0);
+};
+
+// Describes the disknp configuration to the configuration double (server "node1"): policy
+// values, the heartbeat delay ratio, the resource list, each resource's keys and device GUID.
+void configure(const std::vector<NpResource> &resources, int delay_ratio = 80);
+std::string key_of(const std::string &name, const std::string &item);
+
+// True when `line` ("LEVEL|text") was written to the log double.
+bool logged(const std::string &line);
+// The lines (all levels) that contain `needle`, in order.
+std::vector<std::string> lines_with(const std::string &needle);
+// Index of the first line equal to `line`, or -1.
+int line_index(const std::string &line);
+
+// Polls `done` every 2 ms for at most `ms` milliseconds.
+bool wait_for(const std::function<bool()> &done, int ms);
+
+// "%#x" of a handle as the plug-in prints it.
+std::string hex(const void *handle);
+std::string hexnum(unsigned value);
+
+class NpTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    // Initialises the disknp service on the current configuration; asserts success.
+    void init();
+    SDW_RSC *rsc(const std::string &name);
+    DWORD start(const std::string &name) { return NpMontrStatusChange("disknp", name.c_str(), SDW_CTRL_START); }
+    DWORD stop(const std::string &name) { return NpMontrStatusChange("disknp", name.c_str(), SDW_CTRL_STOP); }
+    BYTE checkpoint(const std::string &name) { return GetCheckPoint(name.c_str()); }
+
+    long handles_at_start_ = 0;
+    long allocations_at_start_ = 0;
+};
+
+}  // namespace nptest

@@ -1,0 +1,83 @@
+// Many workers started, suspended, resumed and stopped from concurrent threads.
+#include "npfixture.h"
+
+#include <atomic>
+#include <thread>
+
+using namespace nptest;
+
+namespace {
+
+class NpConcurrentTest : public NpTest {};
+
+TEST_F(NpConcurrentTest, ConcurrentCyclesOnEightResourcesLeaveNothingBehind)
+{
+    std::vector<NpResource> resources;
+    for (int i = 1; i <= 8; i++) {
+        const DWORD disk = static_cast<DWORD>(i);
+        const std::string guid = vol(i);
+        qmtp::sim::set_volume(guid, {disk});
+        qmtp::sim::set_disk(disk, {});
+        resources.push_back({"np" + std::to_string(i), 5, 1, 0, i, guid});
+    }
+    configure(resources);
+    init();
+
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int i = 1; i <= 8; i++) {
+        threads.emplace_back([&failures, i] {
+            const std::string name = "np" + std::to_string(i);
+            for (int cycle = 0; cycle < 20; cycle++) {
+                if (NpMontrStatusChange("disknp", name.c_str(), SDW_CTRL_START) != 0) failures++;
+                if (DoNpMontr("disknp", name.c_str()) != 0) failures++;
+                if (GetCheckPoint(name.c_str()) > 4) failures++;
+                // Every fifth cycle the worker is suspended and resumed once it waits.
+                if (cycle % 5 == 4) {
+                    if (!wait_for([&] { return GetCheckPoint(name.c_str()) == 1; }, 3000)) failures++;
+                    if (NpMontrStatusChange("disknp", name.c_str(), SDW_CTRL_SUSPEND) != 0) failures++;
+                    if (NpMontrStatusChange("disknp", name.c_str(), SDW_CTRL_RESUME) != 0) failures++;
+                }
+                if (NpMontrStatusChange("disknp", name.c_str(), SDW_CTRL_STOP) != 0) failures++;
+                if (GetCheckPoint(name.c_str()) != 0) failures++;
+            }
+        });
+    }
+    for (std::thread &t : threads) t.join();
+    EXPECT_EQ(failures.load(), 0);
+    for (uint32_t i = 0; i < gsdwRscCount; i++) {
+        EXPECT_EQ(gsdwlpRsc[i].thread, nullptr);
+        EXPECT_EQ(gsdwlpRsc[i].mutex, nullptr);
+        EXPECT_EQ(gsdwlpRsc[i].device_handles, nullptr);
+    }
+    EXPECT_EQ(UninitNpRscDll("qmtsdw", 0, 0), 0u);
+}
+
+TEST_F(NpConcurrentTest, TeardownStopsConcurrentlyPolledWorkers)
+{
+    std::vector<NpResource> resources;
+    for (int i = 1; i <= 4; i++) {
+        const DWORD disk = static_cast<DWORD>(i);
+        const std::string guid = vol(i);
+        qmtp::sim::set_volume(guid, {disk});
+        qmtp::sim::set_disk(disk, {});
+        resources.push_back({"np" + std::to_string(i), 5, 1, 0, i, guid});
+    }
+    configure(resources);
+    init();
+    for (int i = 1; i <= 4; i++) ASSERT_EQ(start("np" + std::to_string(i)), 0u);
+    std::atomic<bool> done{false};
+    std::thread poller([&] {
+        while (!done) {
+            for (int i = 1; i <= 4; i++) GetCheckPoint(("np" + std::to_string(i)).c_str());
+            Sleep(1);
+        }
+    });
+    ASSERT_TRUE(wait_for([] { return qmtp::sim::probe_count(4) >= 1; }, 3000));
+    done = true;
+    poller.join();
+    EXPECT_EQ(UninitNpRscDll("qmtsdw", 0, 0), 0u);
+    EXPECT_EQ(gsdwlpRsc, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,159 @@
+// The disknp configuration reader: ranges and defaults, required keys, names, and the table.
+#include "npfixture.h"
+
+using namespace nptest;
+
+namespace {
+
+class NpConfigTest : public NpTest {
+protected:
+    void SetUp() override
+    {
+        NpTest::SetUp();
+        std::snprintf(gsdwServerName, sizeof gsdwServerName, "%s", "node1");
+    }
+    void TearDown() override
+    {
+        SdwFreeTable();
+        NpTest::TearDown();
+    }
+};
+
+TEST_F(NpConfigTest, BuildsOneRecordPerNameInOrder)
+{
+    configure({{"np1", 20, 5, 2, 3, "guid-a"}, {"np2", 40, 10, 0, 7, "guid-b"}});
+    ASSERT_EQ(SdwGetNpConfig(), 0);
+    ASSERT_EQ(gsdwRscCount, 2u);
+    const SDW_RSC &a = gsdwlpRsc[0];
+    const SDW_RSC &b = gsdwlpRsc[1];
+    EXPECT_STREQ(a.name, "np1");
+    EXPECT_EQ(a.timeout, 20);
+    EXPECT_EQ(a.interval, 5);
+    EXPECT_EQ(a.retry, 2);
+    EXPECT_EQ(a.device, 3);
+    EXPECT_STREQ(a.device_info, "guid-a");
+    EXPECT_STREQ(b.name, "np2");
+    EXPECT_EQ(b.device, 7);
+    EXPECT_STREQ(b.device_info, "guid-b");
+    EXPECT_EQ(b.thread, nullptr);
+    EXPECT_EQ(b.mutex, nullptr);
+    EXPECT_EQ(b.result, 0);
+    EXPECT_EQ(gsdwDelayRatio, 80u);
+    // The keys in the documented order, once each.
+    std::vector<std::string> keys;
+    for (const std::string &c : doubles::service_calls()) {
+        if (c.rfind("xmllib_get_value(/root/networkpartition/disknp@np1", 0) == 0 ||
+            c.rfind("xmllib_get_value(/root/server@node1/device@3", 0) == 0) {
+            keys.push_back(c);
+        }
+    }
+    EXPECT_EQ(keys, (std::vector<std::string>{
+                        "xmllib_get_value(/root/networkpartition/disknp@np1/timeout)",
+                        "xmllib_get_value(/root/networkpartition/disknp@np1/interval)",
+                        "xmllib_get_value(/root/networkpartition/disknp@np1/count)",
+                        "xmllib_get_value(/root/networkpartition/disknp@np1/device)",
+                        "xmllib_get_value(/root/server@node1/device@3/info)",
+                    }));
+}
+
+TEST_F(NpConfigTest, OutOfRangeValuesGetTheirDefaultsWithWarnings)
+{
+    configure({{"np1", 0, 0, -1, 0, "g"}, {"np2", 5, 5, 0, 0, "g"}});
+    ASSERT_EQ(SdwGetNpConfig(), 0);
+    EXPECT_EQ(gsdwlpRsc[0].timeout, 300);
+    EXPECT_EQ(gsdwlpRsc[0].interval, 60);
+    EXPECT_EQ(gsdwlpRsc[0].retry, 0);
+    EXPECT_EQ(gsdwlpRsc[1].retry, 0);
+    EXPECT_EQ(doubles::log_lines_upto(2), (std::vector<std::string>{
+                                              "2|Invalid range of polling timeout, set default. (0->300)",
+                                              "2|Invalid range of polling interval, set default. (0->60)",
+                                              "2|Invalid range of retry count, set default. (-1->0)",
+                                          }));
+}
+
+TEST_F(NpConfigTest, HeartbeatDelayRatioAboveHundredBecomesEighty)
+{
+    configure({{"np1"}}, 101);
+    ASSERT_EQ(SdwGetNpConfig(), 0);
+    EXPECT_EQ(gsdwDelayRatio, 80u);
+    EXPECT_TRUE(logged("2|Invalid range of delay ratio, set default. (101->80)"));
+}
+
+TEST_F(NpConfigTest, EmptyDeviceGuidIsNotedAndKept)
+{
+    configure({{"np1", 1, 1, 0, 4, ""}});
+    ASSERT_EQ(SdwGetNpConfig(), 0);
+    EXPECT_STREQ(gsdwlpRsc[0].device_info, "");
+    EXPECT_TRUE(logged("4|Empty guid. (Name=np1 Device=4)"));
+}
+
+TEST_F(NpConfigTest, UnreadableCountFailsTheWholeBuild)
+{
+    configure({{"np1"}, {"np2"}});
+    doubles::fail_key(key_of("np2", "count"), 5);
+    EXPECT_EQ(SdwGetNpConfig(), 99);
+    EXPECT_EQ(gsdwlpRsc, nullptr);
+    EXPECT_EQ(gsdwRscCount, 0u);
+    EXPECT_TRUE(logged("1|xmllib_get_value() failed. (Ret=0x5 key=/root/networkpartition/disknp@np2/count Size=4)"));
+    // The first resource was read in full before.
+    int device_of_np1 = 0;
+    for (const std::string &c : doubles::service_calls()) {
+        device_of_np1 += c == "xmllib_get_value(/root/server@node1/device@0/info)";
+    }
+    EXPECT_EQ(device_of_np1, 1);
+}
+
+TEST_F(NpConfigTest, UnreadableDeviceGuidFailsTheBuild)
+{
+    configure({{"np1", 1, 1, 0, 9, "g"}});
+    doubles::erase_key("/root/server@node1/device@9/info");
+    EXPECT_EQ(SdwGetNpConfig(), 99);
+    EXPECT_EQ(gsdwlpRsc, nullptr);
+    EXPECT_TRUE(logged("1|xmllib_get_value() failed. (Ret=0x2 key=/root/server@node1/device@9/info Size=63)"));
+}
+
+TEST_F(NpConfigTest, LongNamesAreCutTo31AndReadUnderTheFullName)
+{
+    const std::string full = "abcdefghijklmnopqrstuvwxyz0123456789";
+    configure({{full, 7, 1, 0, 0, "g"}});
+    ASSERT_EQ(SdwGetNpConfig(), 0);
+    EXPECT_STREQ(gsdwlpRsc[0].name, "abcdefghijklmnopqrstuvwxyz01234");
+    EXPECT_EQ(gsdwlpRsc[0].timeout, 7);
+    EXPECT_EQ(SdwFindRsc(full.c_str()), nullptr);
+}
+
+TEST_F(NpConfigTest, NoResourcesIsUnregistered)
+{
+    configure({});
+    EXPECT_EQ(SdwGetNpConfig(), 99);
+    EXPECT_EQ(gsdwlpRsc, nullptr);
+    EXPECT_TRUE(logged("2|Unregistered monitor. (Size=0)"));
+}
+
+TEST_F(NpConfigTest, SecondCallKeepsTheTable)
+{
+    configure({{"np1"}});
+    ASSERT_EQ(SdwGetNpConfig(), 0);
+    SDW_RSC *table = gsdwlpRsc;
+    doubles::clear_calls();
+    EXPECT_EQ(SdwGetNpConfig(), 0);
+    EXPECT_EQ(gsdwlpRsc, table);
+    EXPECT_TRUE(logged("2|resource has already created. (Rsc=" + hex(table) + ")"));
+    EXPECT_EQ(doubles::service_calls(), (std::vector<std::string>{
+                                            "xmllib_get_value(/root/monitor/sdw/type)",
+                                            "xmllib_get_value(/root/monitor/sdw/log/level)",
+                                            "xmllib_get_value(/root/monitor/sdw/log/size)",
+                                            "xmllib_get_value(/root/cluster/delaywarn/heartbeat)",
+                                        }));
+}
+
+TEST_F(NpConfigTest, PolicyFailureLeavesNoTable)
+{
+    configure({{"np1"}});
+    doubles::fail_key("/root/monitor/sdw/log/level", 7);
+    EXPECT_EQ(SdwGetNpConfig(), 99);
+    EXPECT_EQ(gsdwlpRsc, nullptr);
+    EXPECT_TRUE(logged("1|SdwGetPolicy() failed. (Ret=0x63)"));
+}
+
+}  // namespace
