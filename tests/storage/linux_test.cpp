@@ -5,18 +5,23 @@
 #include "storage_fixture.h"
 
 #include <fuse.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <thread>
+#include <memory>
+#include <new>
 
 using namespace storage_test;
 
@@ -147,17 +152,16 @@ TEST_F(LinuxStorage, UnknownVolumeAndDiskAreNotFound) {
 }
 
 // ---- A disk served by FUSE ---------------------------------------------------------------------
+// The filesystem runs in a child process: the kernel's requests to it, and libfuse's own threads
+// of control, stay out of the process under test (and out of its sanitizers).
 
-enum class Mode { Normal, Eio, Stall };
+enum Mode : int { kNormal, kEio, kStall };
 
 struct Served {
-    std::mutex m;
-    std::condition_variable cv;
-    Mode mode = Mode::Normal;
-    unsigned stalled = 0; // reads held now
-    unsigned reads = 0;
+    std::atomic<int> mode;
+    std::atomic<int> stalled; // reads held now
 };
-Served g_served;
+Served *g_served = nullptr; // shared with the child
 
 int fs_getattr(const char *path, struct stat *st, fuse_file_info *) {
     std::memset(st, 0, sizeof *st);
@@ -182,16 +186,13 @@ int fs_open(const char *path, fuse_file_info *fi) {
 }
 
 int fs_read(const char *, char *buf, size_t size, off_t off, fuse_file_info *) {
-    std::unique_lock<std::mutex> lk(g_served.m);
-    ++g_served.reads;
-    if (g_served.mode == Mode::Stall) {
-        ++g_served.stalled;
-        g_served.cv.notify_all();
+    if (g_served->mode == kStall) {
+        ++g_served->stalled;
         // Bounded, so a test that fails never leaves the kernel waiting on us.
-        g_served.cv.wait_for(lk, std::chrono::seconds(20), [] { return g_served.mode != Mode::Stall; });
-        --g_served.stalled;
+        for (int i = 0; i < 10000 && g_served->mode == kStall; ++i) ::usleep(2000);
+        --g_served->stalled;
     }
-    if (g_served.mode == Mode::Eio) return -EIO;
+    if (g_served->mode == kEio) return -EIO;
     if (off >= kImageSize) return 0;
     size_t n = std::min<size_t>(size, static_cast<size_t>(kImageSize - off));
     std::memset(buf, 0, n);
@@ -200,10 +201,33 @@ int fs_read(const char *, char *buf, size_t size, off_t off, fuse_file_info *) {
 
 int fs_write(const char *, const char *, size_t size, off_t, fuse_file_info *) { return static_cast<int>(size); }
 
-void set_mode(Mode m) {
-    std::lock_guard<std::mutex> lk(g_served.m);
-    g_served.mode = m;
-    g_served.cv.notify_all();
+[[noreturn]] void serve(const std::string &mnt, int ready_fd) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    fuse_operations ops{};
+    ops.getattr = fs_getattr;
+    ops.open = fs_open;
+    ops.read = fs_read;
+    ops.write = fs_write;
+    char arg0[] = "qmt-stor-fuse";
+    char *argv[] = {arg0, nullptr};
+    fuse_args args = FUSE_ARGS_INIT(1, argv);
+    fuse *f = fuse_new(&args, &ops, sizeof ops, nullptr);
+    fuse_opt_free_args(&args);
+    char ok = f && fuse_mount(f, mnt.c_str()) == 0 ? 'y' : 'n';
+    if (::write(ready_fd, &ok, 1) != 1 || ok != 'y') ::_exit(3);
+    ::close(ready_fd);
+    fuse_loop(f);
+    ::_exit(0);
+}
+
+void set_mode(Mode m) { g_served->mode = m; }
+
+bool wait_stalled(int n) {
+    for (DWORD waited = 0; waited < kBound; waited += 5) {
+        if (g_served->stalled >= n) return true;
+        Sleep(5);
+    }
+    return false;
 }
 
 // The FUSE filesystem, its mount and the loop device over its file; all undone in TearDown.
@@ -213,42 +237,51 @@ protected:
         LinuxStorage::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse is not usable";
-        set_mode(Mode::Normal);
+        void *mem = ::mmap(nullptr, sizeof(Served), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        ASSERT_NE(mem, MAP_FAILED);
+        g_served = new (mem) Served{};
         mnt_ = dir_ + "/mnt";
         ASSERT_EQ(::mkdir(mnt_.c_str(), 0700), 0);
-        static fuse_operations ops = [] {
-            fuse_operations o{};
-            o.getattr = fs_getattr;
-            o.open = fs_open;
-            o.read = fs_read;
-            o.write = fs_write;
-            return o;
-        }();
-        char arg0[] = "qmt-stor-fuse";
-        char *argv[] = {arg0, nullptr};
-        fuse_args args = FUSE_ARGS_INIT(1, argv);
-        fuse_ = fuse_new(&args, &ops, sizeof ops, nullptr);
-        ASSERT_NE(fuse_, nullptr);
-        if (fuse_mount(fuse_, mnt_.c_str()) != 0) {
-            fuse_destroy(fuse_);
-            fuse_ = nullptr;
-            GTEST_SKIP() << "FUSE cannot mount here";
+        int pipe_fds[2];
+        ASSERT_EQ(::pipe(pipe_fds), 0);
+        child_ = ::fork();
+        ASSERT_GE(child_, 0);
+        if (child_ == 0) {
+            ::close(pipe_fds[0]);
+            serve(mnt_, pipe_fds[1]);
         }
+        ::close(pipe_fds[1]);
+        pollfd pfd{pipe_fds[0], POLLIN, 0};
+        char ok = 'n';
+        if (::poll(&pfd, 1, static_cast<int>(kBound)) == 1 && ::read(pipe_fds[0], &ok, 1) != 1) ok = 'n';
+        ::close(pipe_fds[0]);
+        if (ok != 'y') GTEST_SKIP() << "FUSE cannot mount here";
         mounted_ = true;
-        loop_thread_ = std::thread([f = fuse_] { fuse_loop(f); });
         if (!loop_.attach(mnt_ + "/disk.img")) GTEST_SKIP() << "losetup refuses a FUSE-served file";
     }
     void TearDown() override {
-        set_mode(Mode::Normal);
+        if (g_served) set_mode(kNormal);
         // Leave the kernel idle before the device and the mount go away.
         for (int i = 0; i < 200 && qmtp_storage_probes_in_kernel() != 0; ++i) Sleep(10);
         if (!loop_.dev.empty()) {
             run("losetup -d " + loop_.dev);
             loop_.dev.clear();
         }
-        if (mounted_) fuse_unmount(fuse_);
-        if (loop_thread_.joinable()) loop_thread_.join();
-        if (fuse_) fuse_destroy(fuse_);
+        if (mounted_ && ::umount2(mnt_.c_str(), 0) != 0) ::umount2(mnt_.c_str(), MNT_DETACH);
+        if (child_ > 0) {
+            int status = 0;
+            bool gone = false;
+            for (int i = 0; i < 500 && !gone; ++i) {
+                gone = ::waitpid(child_, &status, WNOHANG) == child_;
+                if (!gone) Sleep(10);
+            }
+            if (!gone) {
+                ::kill(child_, SIGKILL);
+                ::waitpid(child_, &status, 0);
+            }
+        }
+        if (g_served) ::munmap(g_served, sizeof(Served));
+        g_served = nullptr;
         LinuxStorage::TearDown();
     }
 
@@ -259,9 +292,8 @@ protected:
     }
 
     std::string mnt_;
-    fuse *fuse_ = nullptr;
+    pid_t child_ = -1;
     bool mounted_ = false;
-    std::thread loop_thread_;
     Loop loop_;
 };
 
@@ -282,11 +314,6 @@ struct Probe {
     }
 };
 
-bool wait_stalled(unsigned n) {
-    std::unique_lock<std::mutex> lk(g_served.m);
-    return g_served.cv.wait_for(lk, std::chrono::milliseconds(kBound), [n] { return g_served.stalled >= n; });
-}
-
 TEST_F(FuseDisk, HealthyFileProbesHealthy) {
     HANDLE d = open();
     Probe p;
@@ -301,7 +328,7 @@ TEST_F(FuseDisk, HealthyFileProbesHealthy) {
 
 TEST_F(FuseDisk, ReadErrorFailsTheProbe) {
     HANDLE d = open();
-    set_mode(Mode::Eio);
+    set_mode(kEio);
     Probe p;
     EXPECT_FALSE(p.issue(d));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
@@ -316,7 +343,7 @@ TEST_F(FuseDisk, ReadErrorFailsTheProbe) {
 
 TEST_F(FuseDisk, StalledReadMakesALateProbe) {
     HANDLE d = open();
-    set_mode(Mode::Stall);
+    set_mode(kStall);
     Probe p;
     EXPECT_FALSE(p.issue(d));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
@@ -327,7 +354,7 @@ TEST_F(FuseDisk, StalledReadMakesALateProbe) {
     EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_INCOMPLETE));
     EXPECT_EQ(qmtp_storage_probes_in_kernel(), 1u);
-    set_mode(Mode::Normal);
+    set_mode(kNormal);
     ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
     EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, FALSE)) << GetLastError();
     EXPECT_TRUE(CloseHandle(d));
@@ -335,7 +362,7 @@ TEST_F(FuseDisk, StalledReadMakesALateProbe) {
 
 TEST_F(FuseDisk, CancelledStuckProbeIsFreedAndLaterProbesWaitBehindIt) {
     HANDLE d = open();
-    set_mode(Mode::Stall);
+    set_mode(kStall);
     {
         Probe stuck;
         EXPECT_FALSE(stuck.issue(d));
@@ -352,11 +379,8 @@ TEST_F(FuseDisk, CancelledStuckProbeIsFreedAndLaterProbesWaitBehindIt) {
     Sleep(50);
     // One probe of this disk in the kernel, the next waits behind it rather than piling up.
     EXPECT_EQ(qmtp_storage_probes_in_kernel(), 1u);
-    {
-        std::lock_guard<std::mutex> lk(g_served.m);
-        EXPECT_EQ(g_served.stalled, 1u);
-    }
-    set_mode(Mode::Normal);
+    EXPECT_EQ(g_served->stalled.load(), 1);
+    set_mode(kNormal);
     ASSERT_EQ(WaitForSingleObject(next.ev, kBound), WAIT_OBJECT_0);
     DWORD bytes = 0;
     EXPECT_TRUE(GetOverlappedResult(d, next.ov, &bytes, FALSE)) << GetLastError();
@@ -366,14 +390,14 @@ TEST_F(FuseDisk, CancelledStuckProbeIsFreedAndLaterProbesWaitBehindIt) {
 
 TEST_F(FuseDisk, CloseWhileStuckLeavesTheProbeToTheBackend) {
     HANDLE d = open();
-    set_mode(Mode::Stall);
+    set_mode(kStall);
     auto p = std::make_unique<Probe>();
     EXPECT_FALSE(p->issue(d));
     ASSERT_TRUE(wait_stalled(1));
     EXPECT_TRUE(CloseHandle(d));
     EXPECT_EQ(WaitForSingleObject(p->ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
     p.reset();
-    set_mode(Mode::Normal);
+    set_mode(kNormal);
     for (int i = 0; i < 1000 && qmtp_storage_probes_in_kernel() != 0; ++i) Sleep(10);
     EXPECT_EQ(qmtp_storage_probes_in_kernel(), 0u);
 }
