@@ -97,6 +97,16 @@ public:
 Backend &backend();
 
 std::unique_ptr<Backend> make_sim_backend();
+
+// The linux backend's rules, open to tests.
+namespace linuxdev {
+// Whole-disk name <-> disk number ("sda" 0, "loop3" 1003, "nvme0n1" 2000, "vdb" 3001, ...).
+QMTWIN_API bool disk_number(const std::string &name, DWORD *number);
+QMTWIN_API std::string disk_name(DWORD number);
+// The extents of block device `name` under a sysfs block folder `root` ("/sys/class/block/"):
+// down through partitions and slaves to whole disks. 0 or a Win32 error.
+QMTWIN_API DWORD collect_extents(const std::string &root, const std::string &name, std::vector<DISK_EXTENT> *out);
+} // namespace linuxdev
 std::unique_ptr<Backend> make_linux_backend();
 
 } // namespace qmtp

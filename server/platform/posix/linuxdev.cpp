@@ -75,8 +75,8 @@ std::string real_path(const std::string &p) {
     return buf;
 }
 
-uint64_t sectors(const std::string &name, const char *file) {
-    std::string s = read_line(kSysBlock + name + "/" + file);
+uint64_t sectors(const std::string &root, const std::string &name, const char *file) {
+    std::string s = read_line(root + name + "/" + file);
     return s.empty() ? 0 : std::strtoull(s.c_str(), nullptr, 10);
 }
 
@@ -128,6 +128,10 @@ bool decimal(std::string_view s, DWORD *out) {
     return true;
 }
 
+} // namespace
+
+namespace linuxdev {
+
 bool disk_number(const std::string &name, DWORD *out) {
     std::string_view n(name);
     DWORD c, k;
@@ -163,13 +167,21 @@ std::string disk_name(DWORD number) {
     return {};
 }
 
+} // namespace linuxdev
+
+namespace {
+
+using linuxdev::disk_number;
+using linuxdev::disk_name;
+
 // ---- From a block device down to its whole disks ----------------------------------------------
 
 // Appends the extents of `name`: a partition gives its parent disk at the partition's offset, a
 // dm or md device the extents of each of its slaves, a whole disk itself from 0.
-DWORD collect_extents(const std::string &name, std::vector<DISK_EXTENT> *out, int depth) {
+DWORD collect_extents_at(const std::string &root, const std::string &name, std::vector<DISK_EXTENT> *out,
+                         int depth) {
     if (depth > 16) return ERROR_NOT_SUPPORTED;
-    std::string dir = kSysBlock + name;
+    std::string dir = root + name;
     if (!exists(dir)) return ERROR_DEVICE_NOT_CONNECTED;
     if (exists(dir + "/partition")) {
         std::string parent = base_name(real_path(dir).substr(0, real_path(dir).find_last_of('/')));
@@ -177,15 +189,15 @@ DWORD collect_extents(const std::string &name, std::vector<DISK_EXTENT> *out, in
         if (!disk_number(parent, &n)) return ERROR_NOT_SUPPORTED;
         DISK_EXTENT e{};
         e.DiskNumber = n;
-        e.StartingOffset.QuadPart = static_cast<LONGLONG>(sectors(name, "start") * 512);
-        e.ExtentLength.QuadPart = static_cast<LONGLONG>(sectors(name, "size") * 512);
+        e.StartingOffset.QuadPart = static_cast<LONGLONG>(sectors(root, name, "start") * 512);
+        e.ExtentLength.QuadPart = static_cast<LONGLONG>(sectors(root, name, "size") * 512);
         out->push_back(e);
         return 0;
     }
     std::vector<std::string> slaves = list_dir(dir + "/slaves");
     if (!slaves.empty()) {
         for (const std::string &s : slaves) {
-            if (DWORD err = collect_extents(s, out, depth + 1)) return err;
+            if (DWORD err = collect_extents_at(root, s, out, depth + 1)) return err;
         }
         return 0;
     }
@@ -193,7 +205,7 @@ DWORD collect_extents(const std::string &name, std::vector<DISK_EXTENT> *out, in
     if (!disk_number(name, &n)) return ERROR_NOT_SUPPORTED;
     DISK_EXTENT e{};
     e.DiskNumber = n;
-    e.ExtentLength.QuadPart = static_cast<LONGLONG>(sectors(name, "size") * 512);
+    e.ExtentLength.QuadPart = static_cast<LONGLONG>(sectors(root, name, "size") * 512);
     out->push_back(e);
     return 0;
 }
@@ -258,7 +270,7 @@ std::string find_volume(const std::string &guid) {
     }
     if (found.empty()) {
         for (const std::string &disk : list_dir("/sys/block/")) {
-            if (sectors(disk, "size") == 0) continue;
+            if (sectors(kSysBlock, disk, "size") == 0) continue;
             std::string dm = read_line(kSysBlock + disk + "/dm/uuid");
             if (!dm.empty() && lower(dm) == key) found.push_back(disk);
             int fd = ::open(("/dev/" + disk).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -269,7 +281,7 @@ std::string find_volume(const std::string &guid) {
                 std::string pn = read_line(kSysBlock + disk + "/" + child + "/partition");
                 if (pn.empty()) continue;
                 auto it = parts.find(std::atoi(pn.c_str()));
-                uint64_t start = sectors(child, "start") * 512, size = sectors(child, "size") * 512;
+                uint64_t start = sectors(kSysBlock, child, "start") * 512, size = sectors(kSysBlock, child, "size") * 512;
                 if ((it != parts.end() && lower(it->second) == key) ||
                     (size && lower(superblock_uuid(fd, start, size)) == key))
                     found.push_back(child);
@@ -465,7 +477,7 @@ public:
     explicit LinuxVolume(std::string dev) : dev_(std::move(dev)) {}
     DWORD extents(std::vector<DISK_EXTENT> *out) override {
         std::vector<DISK_EXTENT> list;
-        if (DWORD err = collect_extents(dev_, &list, 0)) return err;
+        if (DWORD err = linuxdev::collect_extents(kSysBlock, dev_, &list)) return err;
         *out = std::move(list);
         return 0;
     }
@@ -511,6 +523,10 @@ public:
 };
 
 } // namespace
+
+DWORD linuxdev::collect_extents(const std::string &root, const std::string &name, std::vector<DISK_EXTENT> *out) {
+    return collect_extents_at(root, name, out, 0);
+}
 
 std::unique_ptr<Backend> make_linux_backend() { return std::make_unique<LinuxBackend>(); }
 
