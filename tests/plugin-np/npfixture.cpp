@@ -91,6 +91,15 @@ void NpTest::SetUp()
     qmtp_tick_thaw();
     qmtp_tick_set_offset(0);
     SdwStore(gsdwTimeoutRatio, 1);
+    // The trace log folds repeats per resource for the life of the process: a line of its own
+    // for every name makes the first message of this test a new one.
+    static int test_number = 0;
+    test_number++;
+    for (const char *name : {"", "np1", "np2", "np3", "np4", "np5", "np6", "np7", "np8"}) {
+        SdwWriteLog(name[0] != '\0' ? name : nullptr, QMTLOG_ERROR, __FILE__, __LINE__, "boundary", "test %d",
+                    test_number);
+    }
+    doubles::clear_calls();
     handles_at_start_ = qmtp_live_handles();
     allocations_at_start_ = qmtp_live_allocations();
 }

@@ -2,9 +2,6 @@
 // by the status query, and how it ends.
 #include "npfixture.h"
 
-#include <atomic>
-#include <thread>
-
 using namespace nptest;
 using qmtp::sim::Behaviour;
 
@@ -27,80 +24,69 @@ protected:
     SDW_RSC *r_ = nullptr;
 };
 
-// Records every change of a record's check point, from its creation to stop().
-class CheckPointRecorder {
-public:
-    explicit CheckPointRecorder(SDW_RSC *r) : r_(r), thread_([this] { run(); }) {}
-    ~CheckPointRecorder() { stop(); }
-    std::vector<int> stop()
-    {
-        done_ = true;
-        if (thread_.joinable()) thread_.join();
-        return seen_;
-    }
-
-private:
-    void run()
-    {
-        int last = -1;
-        while (!done_) {
-            int now = SdwLoad(r_->check_point);
-            if (now != last) {
-                seen_.push_back(now);
-                last = now;
-            }
-        }
-    }
-    SDW_RSC *r_;
-    std::atomic<bool> done_{false};
-    std::vector<int> seen_;
-    std::thread thread_;
-};
-
 TEST_F(NpWorkerTest, CheckPointsFollowTheCycle)
 {
-    // 64 disks make the preparation of the first cycle long enough to be seen; the last one hangs
-    // to hold the probing, the record lock holds the start and the evaluation.
-    std::vector<DWORD> disks;
-    for (DWORD d = 0; d < 64; d++) {
-        disks.push_back(d);
-        qmtp::sim::set_disk(d, {});
-    }
-    qmtp::sim::set_disk(63, {Behaviour::Hang, 0, 0});
-    qmtp::sim::set_volume(vol(0), disks);
+    // Each state is held where the worker takes its record lock: the test owns that lock at the
+    // right moments. Preparing takes it only on a failure, here an unresolved volume, and only
+    // after the cycle's start tick was stored under the same lock: a second mutex, swapped in
+    // while the worker waits for the first, holds it there.
+    qmtp::sim::remove_volume(vol(0));
+    qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
     setup({"np1", 30, 1, 0, 0, vol(0)});
-    r_->mutex = CreateMutexA(nullptr, TRUE, nullptr);
-    ASSERT_NE(r_->mutex, nullptr);
+    HANDLE first = CreateMutexA(nullptr, TRUE, nullptr);
+    HANDLE second = CreateMutexA(nullptr, TRUE, nullptr);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    r_->mutex = first;
+    std::vector<int> seen;
 
-    CheckPointRecorder recorder(r_);
     ASSERT_EQ(start("np1"), 0u);
     ASSERT_TRUE(wait_for([&] { return !lines_with("Start - (Name=np1 Hdl=").empty(); }, 3000));
-    EXPECT_EQ(checkpoint("np1"), 0);
-    ASSERT_TRUE(ReleaseMutex(r_->mutex));
+    seen.push_back(checkpoint("np1"));  // Starting, held in its first accessor
+    ASSERT_TRUE(ReleaseMutex(first));
     ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 1; }, 3000));
+    seen.push_back(checkpoint("np1"));  // Waiting for the timer
+    ASSERT_EQ(WaitForSingleObject(first, 3000), WAIT_OBJECT_0);
+    const std::string lock_line = "32|Start - (Hdl=" + hex(first).substr(2) + " Timeout=10000)";
+    ASSERT_TRUE(wait_for(
+        [&] {
+            const std::vector<std::string> lines = doubles::log_lines();
+            return logged("16|WaitForMultipleObjects(Interval) completed. (Name=np1)") && lines.back() == lock_line;
+        },
+        3000));
+    r_->mutex = second;
+    ASSERT_TRUE(ReleaseMutex(first));
+    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 2; }, 3000));
+    seen.push_back(checkpoint("np1"));  // Preparing, held in storing the failure
+    qmtp::sim::set_volume(vol(0), {0});
+    ASSERT_TRUE(ReleaseMutex(second));
     ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 3; }, 3000));
-    EXPECT_EQ(qmtp::sim::pending_count(63), 1u);
-    EXPECT_NE(r_->mon_tick, 0u);
-    ASSERT_EQ(WaitForSingleObject(r_->mutex, 5000), WAIT_OBJECT_0);
-    qmtp::sim::release(63);
+    seen.push_back(checkpoint("np1"));  // Probing, held by the hung disk
+    EXPECT_NE(SdwGetMonTick(r_), 0u);
+    ASSERT_EQ(WaitForSingleObject(second, 3000), WAIT_OBJECT_0);
+    qmtp::sim::release(0);
     const bool evaluating = wait_for([&] { return checkpoint("np1") == 4; }, 3000);
-    ASSERT_TRUE(ReleaseMutex(r_->mutex));
+    seen.push_back(checkpoint("np1"));  // Evaluating, held in reading the start tick
+    ASSERT_TRUE(ReleaseMutex(second));
     ASSERT_TRUE(evaluating);
     ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 1; }, 3000));
-    EXPECT_EQ(recorder.stop(), (std::vector<int>{0, 1, 2, 3, 4, 1}));
-    EXPECT_EQ(r_->result, 0);
-    EXPECT_EQ(r_->mon_tick, 0u);
+    seen.push_back(checkpoint("np1"));
+    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3, 4, 1}));
+    EXPECT_EQ(SdwLoad(r_->result), 0);
+    EXPECT_EQ(SdwGetMonTick(r_), 0u);
 
     ASSERT_EQ(stop("np1"), 0u);
     EXPECT_EQ(checkpoint("np1"), 0);
     EXPECT_EQ(r_->device_handles, nullptr);
     EXPECT_EQ(r_->extents, nullptr);
+    // The first mutex stayed with the worker, which has ended.
+    EXPECT_TRUE(CloseHandle(first));
 }
 
 TEST_F(NpWorkerTest, FirstCycleComesAfterOneSecondAndProbesDiskAfterDisk)
 {
     qmtp::sim::set_volume(vol(0), {0, 1});
-    qmtp::sim::set_disk(1, {});
+    qmtp::sim::set_disk(1, {Behaviour::Delay, 20, 0});
     setup({"np1", 5, 1, 0, 0, vol(0)});
     const DWORD started = GetTickCount();
     ASSERT_EQ(start("np1"), 0u);
@@ -115,7 +101,9 @@ TEST_F(NpWorkerTest, FirstCycleComesAfterOneSecondAndProbesDiskAfterDisk)
     EXPECT_NE(starts[0].find("Time=5sec)"), std::string::npos);
     EXPECT_NE(starts[1].find("LUN=1 Tick="), std::string::npos);
     EXPECT_TRUE(logged("16|WaitForMultipleObjects(Interval) completed. (Name=np1)"));
-    EXPECT_FALSE(lines_with("2|Renew slowest lap. (Name=np1 SlowestLap=0msec->").empty());
+    // Disk 1 answers after 20 ms: the first lap is the slowest so far.
+    EXPECT_TRUE(wait_for([&] { return !lines_with("2|Renew slowest lap. (Name=np1 SlowestLap=0msec->").empty(); },
+                         1000));
 
     // A refusal on the first disk ends the cycle there.
     qmtp::sim::set_disk(0, {Behaviour::Refuse, 0, 21});
@@ -269,8 +257,10 @@ TEST_F(NpWorkerTest, StopDuringAPendingProbeEndsWithoutWaitingForIt)
     const int cancelled = line_index("4|Cancel request TUR. Resource=np1");
     ASSERT_GE(accepted, 0);
     EXPECT_GT(cancelled, accepted);
-    EXPECT_EQ(qmtp::sim::pending_count(0), 0u);
     EXPECT_EQ(checkpoint("np1"), 0);
+    // The probe completes after the worker has gone: nothing of the worker is touched.
+    qmtp::sim::release(0);
+    EXPECT_EQ(qmtp::sim::pending_count(0), 0u);
     EXPECT_EQ(r_->device_handles, nullptr);
     EXPECT_EQ(r_->extents, nullptr);
     EXPECT_TRUE(logged("4|End - (Ret=0)"));
@@ -288,6 +278,7 @@ TEST_F(NpWorkerTest, StopAfterATimedOutProbeDropsTheProbe)
     ASSERT_EQ(done.size(), 1u);
     EXPECT_EQ(done[0].rfind("1|I/O pending completed(timeout). (Name=np1 Ret=0 Err=", 0), 0u);
     EXPECT_TRUE(logged("4|catch stop message."));
+    qmtp::sim::release(0);
     EXPECT_EQ(qmtp::sim::pending_count(0), 0u);
     EXPECT_EQ(SdwLoad(r_->result), 90);
 }
