@@ -93,6 +93,8 @@ void Engine::step()
         for (size_t i = 0; i < resources_.size(); ++i) {
             Resource &rsc = resources_[i];
             if (rsc.busy) {
+                if (!rsc.running)
+                    continue;  // waiting for a thread: its time only counts from when it runs
                 auto limit = std::chrono::seconds(static_cast<int64_t>(rsc.config.timeout_s) * ratio);
                 if (!rsc.overdue && now - rsc.started >= limit) {
                     rsc.overdue = true;
@@ -111,7 +113,6 @@ void Engine::step()
             }
             if (now >= rsc.next_due) {
                 rsc.busy = true;
-                rsc.started = now;
                 queue_.push_back(i);
                 queued = true;
             }
@@ -132,6 +133,8 @@ void Engine::worker_loop()
             return;
         size_t index = queue_.front();
         queue_.pop_front();
+        resources_[index].running = true;
+        resources_[index].started = Clock::now();
         lock.unlock();
         run_pass(index);
         lock.lock();
@@ -175,6 +178,7 @@ void Engine::run_pass(size_t index)
         rsc.status = status;
         rsc.check_point = check_point;
         rsc.busy = false;
+        rsc.running = false;
         auto interval = std::chrono::seconds(rsc.config.interval_s);
         rsc.next_due = rsc.started + interval > now ? rsc.started + interval : now;
     }

@@ -44,7 +44,8 @@ private:
         ResourceConfig config;
         Clock::time_point next_due{};
         Clock::time_point started{};
-        bool busy = false;
+        bool busy = false;     // queued or running: not to be queued again
+        bool running = false;  // a pool thread is in the export; `started` is when it went in
         bool overdue = false;
         bool known = false;
         DWORD status = 0;
