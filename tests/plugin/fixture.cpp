@@ -3,6 +3,7 @@
 #include "qmtrsrc.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 // The banner reads the executable's own version resource.
 QMT_VERSION_RESOURCE(1, 2, 3, 4, 5, 6, 7, 8);
@@ -115,6 +116,10 @@ public:
 
 int main(int argc, char **argv)
 {
+#ifdef QMT_STORAGE_LINUX
+    // The platform picks its storage at first use, from its own environment.
+    setenv("QMT_STORAGE", "linux", 1);
+#endif
     ::testing::InitGoogleTest(&argc, argv);
     ::testing::AddGlobalTestEnvironment(new WarmLogEntries);
     return RUN_ALL_TESTS();

@@ -2,6 +2,7 @@
 // probe, and probes of a disk whose file is served by a FUSE filesystem of this test that can
 // fail its reads with EIO or hold them until released. Runs only as root with working losetup.
 #define FUSE_USE_VERSION 31
+#include "loop_util.h"
 #include "storage_fixture.h"
 
 #include <fuse.h>
@@ -30,47 +31,6 @@ namespace {
 constexpr DWORD kBound = 10000; // ms
 constexpr off_t kImageSize = 16 << 20;
 constexpr const char *kUuid = "3a7d1c52-9e4b-4f0a-8c61-2b5e0d9f4a17";
-
-// Runs a shell command; its first output line, and whether it exited 0.
-bool run(const std::string &cmd, std::string *out = nullptr) {
-    FILE *p = ::popen((cmd + " 2>/dev/null").c_str(), "r");
-    if (!p) return false;
-    std::array<char, 512> buf{};
-    std::string first;
-    if (std::fgets(buf.data(), buf.size(), p)) first = buf.data();
-    while (std::fgets(buf.data(), buf.size(), p)) {
-    }
-    int rc = ::pclose(p);
-    while (!first.empty() && (first.back() == '\n' || first.back() == ' ')) first.pop_back();
-    if (out) *out = first;
-    return rc == 0;
-}
-
-std::string why_not_root_loop() {
-    if (::geteuid() != 0) return "needs root (loop devices)";
-    if (!run("losetup -f")) return "losetup cannot find a free loop device here";
-    return {};
-}
-
-// A loop device over a file; detached in the destructor.
-struct Loop {
-    std::string dev;
-    DWORD number = 0;
-    bool attach(const std::string &file) {
-        if (!run("losetup -f --show " + file, &dev) || dev.rfind("/dev/loop", 0) != 0) return false;
-        number = 1000 + static_cast<DWORD>(std::atoi(dev.c_str() + 9));
-        return true;
-    }
-    ~Loop() {
-        if (!dev.empty()) run("losetup -d " + dev);
-    }
-};
-
-std::string temp_dir() {
-    char tmpl[] = "/tmp/qmt-stor-XXXXXX";
-    const char *d = ::mkdtemp(tmpl);
-    return d ? d : "";
-}
 
 class LinuxStorage : public ::testing::Test {
 protected:
