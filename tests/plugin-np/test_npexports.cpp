@@ -161,6 +161,7 @@ TEST_F(NpExportsTest, StatusRereadsTheSettingsAndTheRatio)
 {
     init();
     ASSERT_EQ(start("np1"), 0u);
+    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 1; }, 3000));
     doubles::set_int(key_of("np1", "timeout"), 120);
     doubles::set_int(key_of("np1", "interval"), 30);
     doubles::set_ratio(3);
