@@ -120,7 +120,7 @@ void BM_InitRscDll(benchmark::State &state)
     }
     state.counters["resources"] = count;
 }
-BENCHMARK(BM_InitRscDll)->Arg(1)->Arg(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_InitRscDll)->Arg(1)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond);
 
 void unlink_shm()
 {
@@ -142,6 +142,7 @@ int main(int argc, char **argv)
     work_dir = pattern;
     shm_prefix = "qmtbench" + std::to_string(getpid());
     write_conf(1);
+    write_conf(100);
     write_conf(1000);
     setenv("QMT_LOG_DIR", (work_dir + "/log").c_str(), 1);
     setenv("QMT_SHM_NAME", shm_prefix.c_str(), 1);

@@ -3,6 +3,7 @@
 #include "qmtrm_engine.h"
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -76,8 +77,12 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
             // Tearing down or unloading under a running pass would pull the record from under it.
             _exit(kExitStuck);
         }
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        long cpu_ms = (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000L +
+                      (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000L;
         reporter.line("", "passes: " + std::to_string(engine.passes()) + ", pool threads: " +
-                              std::to_string(engine.workers()));
+                              std::to_string(engine.workers()) + ", cpu: " + std::to_string(cpu_ms) + " ms");
     }
     unload_status_texts();
     return exit_code;
