@@ -210,7 +210,8 @@ void Reporter::line(const std::string &resource, const std::string &text)
     std::fprintf(stdout, "%s\n", out.c_str());
     std::fflush(stdout);
     if (log_ != nullptr)
-        QmtLogWrite(log_, QMTLOG_INFO, 0, __FILE__, __LINE__, "Reporter", "%s %s", resource.c_str(), text.c_str());
+        QmtLogWrite(log_, QMTLOG_INFO, 0, __FILE__, __LINE__, "Reporter", "%s %s",
+                    resource.empty() ? "-" : resource.c_str(), text.c_str());
 }
 
 } // namespace qmtrm

@@ -55,6 +55,9 @@ if [ "$mode" = clean ]; then
   refute "OVERDUE"
   [ "$(grep -c 'sdw2 .*status 0' "$work/out")" -ge 1 ] || { echo "FAIL: no status of sdw2"; fail=1; }
   grep -qF "Start - (DllName=qmtsdw" "$work/log/sdw.log" || { echo "FAIL: no start in sdw.log"; fail=1; }
+  # The host's own log keeps the status lines it printed.
+  grep -qF "Reporter: sdw2 status 0" "$work/log/rm.log" || { echo "FAIL: no status of sdw2 in rm.log"; fail=1; }
+  grep -qF "Reporter: - UninitRscDll -> status 0" "$work/log/rm.log" || { echo "FAIL: no teardown in rm.log"; fail=1; }
 else
   [ $rc -eq 4 ] || { echo "FAIL: exit status $rc, expected 4"; fail=1; }
   [ "$(grep -c 'OVERDUE' "$work/out")" -eq 1 ] || { echo "FAIL: overdue not reported exactly once"; fail=1; }

@@ -2,6 +2,7 @@
 // calls it makes, overdue passes reported once and held back, the pool that keeps the other
 // resources polled, and a stop that refuses to tear down under a running pass.
 #include "qmtrm_engine.h"
+#include "qmtshm_admin.h"
 
 #include <gtest/gtest.h>
 
@@ -221,6 +222,26 @@ TEST_F(EngineTest, OverduePassIsReportedOnceAndNotRepolledWhileOthersGoOn)
     EXPECT_TRUE(stuck.empty());
     EXPECT_EQ(state_.calls_without_passes().back(), "UninitRscDll(qmtsdw)");
     EXPECT_EQ(engine.overdue_reports(), 1u);
+}
+
+TEST_F(EngineTest, OverdueLimitIsTheTimeOutTimesTheRatio)
+{
+    // The plug-in is attached to the cluster shared memory while it serves; here the test is.
+    ASSERT_EQ(shmcm_attach(), 0);
+    ASSERT_EQ(shmcm_setratio(3), 0);
+    EXPECT_EQ(qmtrm::current_ratio(), 3);
+    state_.hung.insert("sdw1");
+    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, resources({"sdw1"}, 1), reporter_, 1, false);
+    ASSERT_EQ(engine.start(), 0u);
+    // 1.5 s into a pass with a limit of 3 s: not overdue yet.
+    step_until(engine, [] { return false; }, 1500ms);
+    EXPECT_EQ(engine.overdue_reports(), 0u);
+    ASSERT_TRUE(step_until(engine, [&] { return engine.overdue_reports() == 1; }, 5s));
+    state_.release_all();
+    std::vector<std::string> stuck;
+    EXPECT_TRUE(engine.stop(2000, &stuck));
+    EXPECT_EQ(shmcm_detach(), 0);
+    EXPECT_EQ(qmtrm::current_ratio(), 1) << "no shared memory attached: ratio 1";
 }
 
 TEST_F(EngineTest, DisknpPassReadsStatusAndCheckPoint)
