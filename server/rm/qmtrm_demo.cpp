@@ -6,6 +6,7 @@
 #include "qmtplat.h"
 
 #include <dirent.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -178,6 +179,14 @@ void sim(const std::string &statement)
 
 int demo_main(Service service, double duration_s, bool verbose, const std::string &plugin_option)
 {
+    // Ctrl-C must still remove the folder and the shared memory: the stop signals are taken by
+    // the main loop (blocked before any thread exists, so every thread inherits the mask).
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
     // A fresh folder and a shared-memory prefix of this run only.
     std::string base = std::getenv("TMPDIR") != nullptr && *std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp";
     std::string pattern = base + "/qmtrm-demo-XXXXXX";
@@ -307,6 +316,7 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
             }
         });
     };
+    bool interrupted = false;
     while (reporter.elapsed() < d) {
         for (auto &step : steps) {
             if (!step.done && reporter.elapsed() >= step.at) {
@@ -317,7 +327,17 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
         }
         engine.step();
         read_log();
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        timespec tick{0, 50 * 1000 * 1000};
+        if (sigtimedwait(&stop_signals, nullptr, &tick) > 0) {
+            // Cut short: let any hung probe complete so the service is torn down cleanly.
+            interrupted = true;
+            reporter.line("", "interrupted: releasing every disk and stopping");
+            for (DWORD disk = 0; disk < 4; ++disk) {
+                sim("disk " + std::to_string(disk) + " ok");
+                qmtp::sim::release(disk);
+            }
+            break;
+        }
     }
     std::vector<std::string> stuck;
     bool stopped = engine.stop(5000, &stuck);
@@ -339,6 +359,8 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
     for (auto &w : wanted)
         if (!seen.count(w))
             missing += (missing.empty() ? "" : ", ") + w;
+    if (interrupted)
+        missing = "interrupted" + (missing.empty() ? std::string() : ": " + missing);
     std::printf("\n%s: %llu passes; %s\n", missing.empty() ? "demo complete" : "demo incomplete",
                 static_cast<unsigned long long>(engine.passes()),
                 missing.empty() ? "every step was seen" : ("not seen: " + missing).c_str());

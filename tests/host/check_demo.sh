@@ -1,16 +1,32 @@
 #!/usr/bin/env bash
-# check_demo.sh QMTRM sdw|disknp - runs the demo and checks that its timeline shows every step.
+# check_demo.sh QMTRM sdw|disknp|interrupt - runs the demo and checks that its timeline shows every
+# step (interrupt: that Ctrl-C stops it cleanly); in every case nothing of it may be left behind.
 set -u
 qmtrm=$1
 service=$2
 out=$(mktemp "${TMPDIR:-/tmp}/qmtrm-demo-out-XXXXXX")
 trap 'rm -f "$out"' EXIT
-timeout -k 5 60 "$qmtrm" demo --duration 20 --service "$service" >"$out" 2>&1
-rc=$?
-cat "$out"
 fail=0
-if [ $rc -ne 0 ]; then echo "FAIL: exit status $rc, expected 0"; fail=1; fi
-if [ "$service" = sdw ]; then
+if [ "$service" = interrupt ]; then
+  # Ctrl-C two seconds in: the demo stops the service, says it was cut short and exits 1.
+  timeout -k 5 60 "$qmtrm" demo --duration 20 >"$out" 2>&1 &
+  pid=$!
+  sleep 2
+  kill -INT "$pid"
+  wait "$pid"
+  rc=$?
+  cat "$out"
+  [ $rc -eq 1 ] || { echo "FAIL: exit status $rc, expected 1"; fail=1; }
+  wanted=("interrupted: releasing every disk and stopping" "UninitRscDll -> status 0" "demo incomplete" "not seen: interrupted")
+else
+  timeout -k 5 60 "$qmtrm" demo --duration 20 --service "$service" >"$out" 2>&1
+  rc=$?
+  cat "$out"
+  if [ $rc -ne 0 ]; then echo "FAIL: exit status $rc, expected 0"; fail=1; fi
+fi
+if [ "$service" = interrupt ]; then
+  :
+elif [ "$service" = sdw ]; then
   wanted=("EVENT 3651" "EVENT 3652" "EVENT 3653" "OVERDUE: pass running for" "overdue pass returned after"
           "status 0 -> status 5" "status 5 -> status 0" "UninitRscDll -> status 0" "demo complete")
 else
