@@ -47,5 +47,12 @@ expect 1 "line 4: expected 0, got 190" -- script "$work/expect.qmt"
 expect 0 "4: GetCheckPoint NULL -> 0" -- script "$work/nulls.qmt"
 expect 0 "1: tick set 12345 -> 1234" -- script "$work/nocalls.qmt"
 expect 0 "1: DoMontr NULL NULL -> 190" -- script - <"$work/nulls.qmt"
+# A call that hangs past the wait's limit: named, and the host leaves with 4 without teardown.
+# A failing expect while it hangs: the host leaves with 1 and does not wait for it.
+export QMT_SIM_FILE="$here/conf/sim.txt" QMT_HOSTNAME=node1
+printf 'InitRscDll\nsim disk 2 hang\nasync DoMontr sdw sdw1\nwait 300\n' >"$work/hang.qmt"
+printf 'InitRscDll\nsim disk 2 hang\nasync DoMontr sdw sdw1\nDoMontr sdw sdw2\nexpect 5\n' >"$work/hangfail.qmt"
+expect 4 "4: async DoMontr sdw sdw1 (line 3) still running after 300 ms" -- script "$work/hang.qmt"
+expect 1 "line 5: expected 5, got 0" -- script "$work/hangfail.qmt"
 for f in /dev/shm/*qmtrmcli$$*; do [ -e "$f" ] && rm -f "$f"; done
 exit $fail
