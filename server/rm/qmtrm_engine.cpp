@@ -82,7 +82,7 @@ void Engine::spawn_worker()
 
 void Engine::step()
 {
-    std::vector<std::string> overdue;
+    std::vector<std::pair<std::string, std::string>> overdue;  // resource, report
     int ratio = current_ratio();
     {
         std::lock_guard lock(mutex_);
@@ -100,11 +100,12 @@ void Engine::step()
                     rsc.overdue = true;
                     ++stuck_;
                     ++overdue_reports_;
-                    overdue.push_back(rsc.config.name);
-                    overdue.push_back("OVERDUE: pass running for " +
-                                      seconds(std::chrono::duration<double>(now - rsc.started).count()) +
-                                      ", beyond its time-out of " + std::to_string(rsc.config.timeout_s * ratio) +
-                                      " s; not polled again until it returns");
+                    overdue.emplace_back(rsc.config.name,
+                                         "OVERDUE: pass running for " +
+                                             seconds(std::chrono::duration<double>(now - rsc.started).count()) +
+                                             ", beyond its time-out of " +
+                                             std::to_string(static_cast<int64_t>(rsc.config.timeout_s) * ratio) +
+                                             " s; not polled again until it returns");
                     // The stuck thread no longer counts: keep the pool's strength for the others.
                     if (static_cast<int>(threads_.size()) - stuck_ < base_threads_)
                         spawn_worker();
@@ -120,8 +121,8 @@ void Engine::step()
         if (queued)
             wake_.notify_all();
     }
-    for (size_t i = 0; i + 1 < overdue.size(); i += 2)
-        reporter_.line(overdue[i], overdue[i + 1]);
+    for (auto &[resource, report] : overdue)
+        reporter_.line(resource, report);
 }
 
 void Engine::worker_loop()
