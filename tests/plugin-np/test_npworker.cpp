@@ -213,6 +213,20 @@ TEST_F(NpWorkerTest, RatioBelowOneIsRaisedAndWrittenBack)
     ASSERT_EQ(stop("np1"), 0u);
 }
 
+TEST_F(NpWorkerTest, FailedTimerStores99AndTriesAgainAfterASecond)
+{
+    setup({"np1", 5, 1, 0, 0, vol(0)});
+    qmtp_fault_set("SetWaitableTimer", 1, 8);
+    ASSERT_EQ(start("np1"), 0u);
+    ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 99; }, 1000));
+    EXPECT_TRUE(logged("1|SetWaitableTimer() failed. (Name=np1 Hdl=" + hex(r_->timer) + " Err=8)"));
+    // After the pause the timer is armed again, for the first cycle's one second.
+    ASSERT_TRUE(wait_for([&] { return qmtp::sim::probe_count(0) == 1 && SdwLoad(r_->result) == 0; }, 3500));
+    const DWORD before = GetTickCount();
+    ASSERT_EQ(stop("np1"), 0u);
+    EXPECT_LT(GetTickCount() - before, 900u);  // a worker waiting on its timer ends at once
+}
+
 TEST_F(NpWorkerTest, StatusReportsACycleThatStalled)
 {
     setup({"np1", 300, 60, 0, 0, vol(0)});
