@@ -99,6 +99,25 @@ TEST_F(NpExportsTest, FailedPolicyUnwindsEverythingAndClosesTheLog)
     EXPECT_TRUE(logged("4|End - (Ret=1)"));
 }
 
+TEST_F(NpExportsTest, FailedDisknpPolicyStillUnloadsAllThreePolicies)
+{
+    doubles::fail("xmllib_load_policy(disknp)", 4);
+    EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
+    EXPECT_TRUE(logged("1|xmllib_load_policy() failed. (Ret=0x4 type=disknp)"));
+    EXPECT_EQ(without_config_reads(doubles::service_calls()),
+              (std::vector<std::string>{"QmtLogOpen(sdw|4|10000000|0|Global\\ORVQMT_SDW_LOG)", "cs_gethostname(256|1)",
+                                        "shmcm_attach()", "xmllib_init(sdw)", "xmllib_load_policy(sdw)",
+                                        "xmllib_load_policy(disknp)", "xmllib_unload_config()",
+                                        "xmllib_unload_policy(nm)", "xmllib_unload_policy(disknp)",
+                                        "xmllib_unload_policy(sdw)", "xmllib_term()", "shmcm_detach()",
+                                        "QmtLogClose()"}));
+    EXPECT_TRUE(logged("1|xmllib_unload_policy() failed. (Ret=0x5 Type=nm)"));
+    EXPECT_FALSE(logged("1|xmllib_unload_policy() failed. (Ret=0x5 Type=sdw)")) << "sdw was loaded and is released";
+    EXPECT_TRUE(doubles::policies_loaded().empty());
+    EXPECT_FALSE(doubles::cm_attached());
+    EXPECT_EQ(gsdwInitCount, 0u);
+}
+
 TEST_F(NpExportsTest, ConfigurationWithoutResourcesFailsTheInitialisation)
 {
     configure({});
