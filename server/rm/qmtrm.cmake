@@ -1,4 +1,4 @@
-# qmtrm: the resource monitor host. It loads the plug-in at run time (dlopen) and links the
+# qmtrm: the resource monitor host. It loads the plug-in at run time (LoadLibraryA over dlopen) and links the
 # platform and cluster libraries itself, so both share one process state (sim storage, ticks,
 # shared memory, configuration store).
 find_package(CLI11 CONFIG QUIET)

@@ -1,7 +1,11 @@
 // qmtrm_plugin.cpp - loading the plug-in by path and resolving its exports by name.
+//
+// The platform's LoadLibraryA runs the plug-in's load entry point as Windows does, so a plug-in
+// whose locks cannot be created is refused here, with the loader's error 1114.
 #include "qmtrm_plugin.h"
 
-#include <dlfcn.h>
+#include "qmtplat.h"
+
 #include <unistd.h>
 
 #include <climits>
@@ -30,11 +34,9 @@ namespace {
 template <typename Fn>
 bool resolve(Plugin *plugin, const char *name, Fn *slot, std::string *why)
 {
-    dlerror();
-    void *symbol = dlsym(plugin->handle, name);
+    FARPROC symbol = GetProcAddress(static_cast<HMODULE>(plugin->handle), name);
     if (symbol == nullptr) {
-        const char *err = dlerror();
-        *why = plugin->path + ": export " + name + " not found: " + (err ? err : "null symbol");
+        *why = plugin->path + ": export " + name + " not found: " + qmtp_loader_message();
         return false;
     }
     *slot = reinterpret_cast<Fn>(symbol);
@@ -47,11 +49,11 @@ bool load_plugin(const std::string &path, Plugin *plugin, std::string *why)
 {
     *plugin = Plugin{};
     plugin->path = path;
-    // RTLD_NOW: a plug-in with an unresolved import is refused here, not in the middle of a pass.
-    plugin->handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // Every import is bound at load: a plug-in with an unresolved one is refused here, not in
+    // the middle of a pass.
+    plugin->handle = LoadLibraryA(path.c_str());
     if (plugin->handle == nullptr) {
-        const char *err = dlerror();
-        *why = path + ": cannot load: " + (err ? err : "unknown error");
+        *why = path + ": cannot load: " + qmtp_loader_message() + " (error " + std::to_string(GetLastError()) + ")";
         return false;
     }
     bool ok = resolve(plugin, "InitRscDll", &plugin->InitRscDll, why) &&
@@ -64,7 +66,7 @@ bool load_plugin(const std::string &path, Plugin *plugin, std::string *why)
               resolve(plugin, "NpMontrStatusChange", &plugin->NpMontrStatusChange, why) &&
               resolve(plugin, "GetCheckPoint", &plugin->GetCheckPoint, why);
     if (!ok) {
-        dlclose(plugin->handle);
+        FreeLibrary(static_cast<HMODULE>(plugin->handle));
         std::string keep = path;
         *plugin = Plugin{};
         plugin->path = keep;
@@ -75,7 +77,7 @@ bool load_plugin(const std::string &path, Plugin *plugin, std::string *why)
 void unload_plugin(Plugin *plugin)
 {
     if (plugin->handle != nullptr)
-        dlclose(plugin->handle);
+        FreeLibrary(static_cast<HMODULE>(plugin->handle));
     plugin->handle = nullptr;
 }
 

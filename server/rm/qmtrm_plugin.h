@@ -1,4 +1,4 @@
-// qmtrm_plugin.h - the plug-in as the host sees it: a dlopen handle and its nine exports.
+// qmtrm_plugin.h - the plug-in as the host sees it: a module handle and its nine exports.
 #pragma once
 
 #include "qmtsdw.h"
