@@ -154,6 +154,8 @@ void SdwWriteLog(const char *rsc_name, int level, const char *file, int line, co
 #define SDW_NORSC ((const char *)0)
 /* Handles and pointers are shown as 32-bit numbers in the messages. */
 #define SDW_HDL(h) ((unsigned)(uintptr_t)(h))
+/* A text argument from the host, which may be absent, for a %s. */
+#define SDW_SHOW(text) ((text) != NULL ? (text) : "(null)")
 
 /* ---- Configuration ------------------------------------------------------------------------- */
 int32_t SdwGetPolicy(void);
@@ -165,6 +167,9 @@ int32_t SdwGetDelayRatio(const char *key);                            /* 0 or 99
 int32_t SdwEnumNames(const char *key, char **names, uint32_t *count); /* 0, 7 or 99, logs */
 int32_t SdwAllocTable(uint32_t count);                                /* 0 or 7, logs */
 void SdwFreeTable(void);
+/* Unloads the configuration, the given policies (loaded in this order) and the store itself,
+ * logging each failure and going on: it is also the clean-up of a failed initialisation. */
+void SdwReleaseConfigStore(const char *const *policies, uint32_t count);
 
 /* ---- Disk checking ------------------------------------------------------------------------- */
 int32_t SdwGetLUN(SDW_RSC *rsc, const char *guid);

@@ -273,3 +273,22 @@ exit:
     SDWLOG(SDW_NORSC, QMTLOG_TRACE, "End - (Ret=%d)", ret);
     return ret;
 }
+
+void SdwReleaseConfigStore(const char *const *policies, uint32_t count)
+{
+    int rc = xmllib_unload_config();
+    if (rc != 0) {
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_config() failed. (Ret=%#x)", rc);
+    }
+    /* In the reverse order of their loading. */
+    for (uint32_t i = count; i > 0; i--) {
+        rc = xmllib_unload_policy(policies[i - 1]);
+        if (rc != 0) {
+            SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, policies[i - 1]);
+        }
+    }
+    rc = xmllib_term();
+    if (rc != 0) {
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_term() failed. (Ret=%#x)", rc);
+    }
+}

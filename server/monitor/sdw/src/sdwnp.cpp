@@ -7,42 +7,16 @@
 #include <stdio.h>
 #include <string.h>
 
-#define SDW_SHOW(text) ((text) != NULL ? (text) : "(null)")
 #define SDW_STALL_FACTOR 2000u
 
-/* Releases everything the disknp initialisation can acquire, whether or not it was acquired. */
-static void SdwUnwindNpRsc(void)
-{
-    int rc;
-
-    rc = xmllib_unload_config();
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_config() failed. (Ret=%#x)", rc);
-    }
-    rc = xmllib_unload_policy("nm");
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, "nm");
-    }
-    rc = xmllib_unload_policy("disknp");
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, "disknp");
-    }
-    rc = xmllib_unload_policy("sdw");
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, "sdw");
-    }
-    rc = xmllib_term();
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_term() failed. (Ret=%#x)", rc);
-    }
-}
+static const char *const gsdwNpPolicies[] = {"sdw", "disknp", "nm"};
+#define SDW_NP_POLICIES (sizeof(gsdwNpPolicies) / sizeof(gsdwNpPolicies[0]))
 
 extern "C" DWORD WINAPI InitNpRscDll(const char *DllName, int DllType, DWORD ExecMode) noexcept
 {
     DWORD result = 0;
     int32_t ret;
     int rc;
-    static const char *const policies[] = {"sdw", "disknp", "nm"};
 
     ret = SdwMutexLock(gsdwhModuleLock, SDW_MODULE_LOCK_WAIT);
     if (ret != 0) {
@@ -78,10 +52,10 @@ extern "C" DWORD WINAPI InitNpRscDll(const char *DllName, int DllType, DWORD Exe
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_init() failed. (Ret=%#x)", rc);
         goto failed;
     }
-    for (size_t i = 0; i < sizeof(policies) / sizeof(policies[0]); i++) {
-        rc = xmllib_load_policy(policies[i]);
+    for (size_t i = 0; i < SDW_NP_POLICIES; i++) {
+        rc = xmllib_load_policy(gsdwNpPolicies[i]);
         if (rc != 0) {
-            SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_load_policy() failed. (Ret=%#x type=%s)", rc, policies[i]);
+            SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_load_policy() failed. (Ret=%#x type=%s)", rc, gsdwNpPolicies[i]);
             goto failed;
         }
     }
@@ -102,7 +76,7 @@ extern "C" DWORD WINAPI InitNpRscDll(const char *DllName, int DllType, DWORD Exe
 
 failed:
     result = SDW_ERR_INIT;
-    SdwUnwindNpRsc();
+    SdwReleaseConfigStore(gsdwNpPolicies, SDW_NP_POLICIES);
     rc = shmcm_detach();
     if (rc != 0) {
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmcm_detach() failed. (Ret=%d)", rc);
@@ -163,7 +137,7 @@ extern "C" DWORD WINAPI UninitNpRscDll(const char *DllName, int DllType, DWORD E
     if (rc != 0) {
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmcm_detach() failed. (Ret=%d)", rc);
     }
-    SdwUnwindNpRsc();
+    SdwReleaseConfigStore(gsdwNpPolicies, SDW_NP_POLICIES);
 
     /* What a stop left behind; after the stops above normally nothing. */
     for (uint32_t i = 0; i < gsdwRscCount; i++) {

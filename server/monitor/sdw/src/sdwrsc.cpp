@@ -6,30 +6,12 @@
 
 #include <string.h>
 
-#define SDW_SHOW(text) ((text) != NULL ? (text) : "(null)")
+static const char *const gsdwRscPolicies[] = {"sdw", "rm"};
+#define SDW_RSC_POLICIES (sizeof(gsdwRscPolicies) / sizeof(gsdwRscPolicies[0]))
 
-/* Releases everything the sdw initialisation can acquire, whether or not it was acquired. */
-static void SdwUnwindRsc(void)
+static void SdwDetachShm(void)
 {
-    int rc;
-
-    rc = xmllib_unload_config();
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_config() failed. (Ret=%#x)", rc);
-    }
-    rc = xmllib_unload_policy("rm");
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, "rm");
-    }
-    rc = xmllib_unload_policy("sdw");
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, "sdw");
-    }
-    rc = xmllib_term();
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_term() failed. (Ret=%#x)", rc);
-    }
-    rc = shmcm_detach();
+    int rc = shmcm_detach();
     if (rc != 0) {
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmcm_detach() failed. (Ret=%d)", rc);
     }
@@ -119,15 +101,12 @@ extern "C" DWORD WINAPI InitRscDll(const char *DllName, int DllType, DWORD ExecM
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_init() failed. (Ret=%#x)", rc);
         goto failed;
     }
-    rc = xmllib_load_policy("sdw");
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_load_policy() failed. (Ret=%#x type=%s)", rc, "sdw");
-        goto failed;
-    }
-    rc = xmllib_load_policy("rm");
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_load_policy() failed. (Ret=%#x type=%s)", rc, "rm");
-        goto failed;
+    for (size_t i = 0; i < SDW_RSC_POLICIES; i++) {
+        rc = xmllib_load_policy(gsdwRscPolicies[i]);
+        if (rc != 0) {
+            SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_load_policy() failed. (Ret=%#x type=%s)", rc, gsdwRscPolicies[i]);
+            goto failed;
+        }
     }
     rc = xmllib_load_config(1);
     if (rc != 0) {
@@ -159,7 +138,8 @@ extern "C" DWORD WINAPI InitRscDll(const char *DllName, int DllType, DWORD ExecM
 failed:
     result = SDW_ERR_INIT;
 unwind:
-    SdwUnwindRsc();
+    SdwReleaseConfigStore(gsdwRscPolicies, SDW_RSC_POLICIES);
+    SdwDetachShm();
     SdwReleaseTable();
     if (gsdwhStringTable != NULL) {
         SdwReleaseStringTable();
@@ -180,7 +160,6 @@ extern "C" DWORD WINAPI UninitRscDll(const char *DllName, int DllType, DWORD Exe
 {
     DWORD result = 0;
     int32_t ret;
-    int rc;
 
     SDWLOG(SDW_NORSC, QMTLOG_INFO, "Start - (DllName=%s DllType=%#x ExecMode=%#x)", SDW_SHOW(DllName), DllType,
            ExecMode);
@@ -203,30 +182,8 @@ extern "C" DWORD WINAPI UninitRscDll(const char *DllName, int DllType, DWORD Exe
         }
     }
 
-    rc = shmcm_detach();
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmcm_detach() failed. (Ret=%d)", rc);
-    }
-    rc = shmrm_detach();
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmrm_detach() failed. (Ret=%d)", rc);
-    }
-    rc = xmllib_unload_config();
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_config() failed. (Ret=%#x)", rc);
-    }
-    rc = xmllib_unload_policy("rm");
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, "rm");
-    }
-    rc = xmllib_unload_policy("sdw");
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, "sdw");
-    }
-    rc = xmllib_term();
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_term() failed. (Ret=%#x)", rc);
-    }
+    SdwDetachShm();
+    SdwReleaseConfigStore(gsdwRscPolicies, SDW_RSC_POLICIES);
     SdwReleaseTable();
     SdwReleaseStringTable();
 
