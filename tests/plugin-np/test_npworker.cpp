@@ -140,7 +140,9 @@ TEST_F(NpWorkerTest, HungProbeStores90AtOnceAndWaitsForTheDisk)
     ASSERT_EQ(start("np1"), 0u);
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 90; }, 4000));
     HANDLE disk = r_->device_handles[0];
-    EXPECT_TRUE(logged("1|I/O pending timeout. (Name=np1 Hdl=" + hex(disk) + " LUN=0 Timeout=1)"));
+    // 90 is stored first, the time-out line follows it.
+    EXPECT_TRUE(wait_for([&] { return logged("1|I/O pending timeout. (Name=np1 Hdl=" + hex(disk) + " LUN=0 Timeout=1)"); },
+                         2000));
     // Still waiting for the disk: in Probing, with the cycle's start tick.
     Sleep(300);
     EXPECT_EQ(checkpoint("np1"), 3);
@@ -171,7 +173,8 @@ TEST_F(NpWorkerTest, FailedOpenStoresFourAndReopensOnlyTheMissingSlot)
     ASSERT_EQ(start("np1"), 0u);
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 4; }, 3000));
     EXPECT_EQ(qmtp_call_count("CreateFileA"), 3u);  // the volume, disk 0, disk 1
-    EXPECT_TRUE(logged("1|CreateFile() failed. (Name=np1 Dev=\\\\.\\PHYSICALDRIVE1 Err=2)"));
+    // The status is stored first, its line follows.
+    EXPECT_TRUE(wait_for([&] { return logged("1|CreateFile() failed. (Name=np1 Dev=\\\\.\\PHYSICALDRIVE1 Err=2)"); }, 2000));
     EXPECT_TRUE(lines_with("Will be retry.").empty());
     EXPECT_EQ(qmtp::sim::probe_count(0), 0u);
     qmtp::sim::set_disk(1, {});
@@ -185,7 +188,7 @@ TEST_F(NpWorkerTest, UnresolvedVolumeStoresFour)
     setup({"np1", 5, 1, 5, 0, "no-such-volume"});
     ASSERT_EQ(start("np1"), 0u);
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 4; }, 3000));
-    EXPECT_TRUE(logged("1|SdwGetLUN() failed. (Name=np1 Ret=1)"));
+    EXPECT_TRUE(wait_for([&] { return logged("1|SdwGetLUN() failed. (Name=np1 Ret=1)"); }, 2000));
     ASSERT_EQ(stop("np1"), 0u);
 }
 
@@ -219,7 +222,8 @@ TEST_F(NpWorkerTest, FailedTimerStores99AndTriesAgainAfterASecond)
     qmtp_fault_set("SetWaitableTimer", 1, 8);
     ASSERT_EQ(start("np1"), 0u);
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 99; }, 1000));
-    EXPECT_TRUE(logged("1|SetWaitableTimer() failed. (Name=np1 Hdl=" + hex(r_->timer) + " Err=8)"));
+    EXPECT_TRUE(wait_for([&] { return logged("1|SetWaitableTimer() failed. (Name=np1 Hdl=" + hex(r_->timer) + " Err=8)"); },
+                         2000));
     // After the pause the timer is armed again, for the first cycle's one second.
     ASSERT_TRUE(wait_for([&] { return qmtp::sim::probe_count(0) == 1 && SdwLoad(r_->result) == 0; }, 3500));
     const DWORD before = GetTickCount();
