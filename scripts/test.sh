@@ -9,8 +9,8 @@ san=""
 if [ "${1:-}" = "--sanitize" ]; then san=${2:?address or thread}; fi
 case "$san" in
   "")      dir=$root/build;      args=() ; ctest_args=() ;;
-  address) dir=$root/build-asan; args=(-DQMT_SANITIZE=address -DQMT_BUILD_BENCH=OFF); ctest_args=(-LE nosan) ;;
-  thread)  dir=$root/build-tsan; args=(-DQMT_SANITIZE=thread -DQMT_BUILD_BENCH=OFF);  ctest_args=(-L concurrency) ;;
+  address) dir=$root/build-asan; args=(-DCMAKE_BUILD_TYPE=Debug -DQMT_SANITIZE=address -DQMT_BUILD_BENCH=OFF); ctest_args=(-LE nosan) ;;
+  thread)  dir=$root/build-tsan; args=(-DCMAKE_BUILD_TYPE=Debug -DQMT_SANITIZE=thread -DQMT_BUILD_BENCH=OFF);  ctest_args=(-L concurrency) ;;
   *) echo "unknown sanitizer: $san" >&2; exit 2 ;;
 esac
 bash "$root/scripts/build.sh" "$dir" -- "${args[@]}"
