@@ -162,10 +162,12 @@ int32_t SdwGetPolicy(void);
 int32_t SdwGetConfig(void);
 int32_t SdwReloadConfig(SDW_RSC *rsc);
 int32_t SdwGetNpConfig(void);
-/* Shared steps of the two table builders. */
-int32_t SdwGetDelayRatio(const char *key);                            /* 0 or 99, logs */
-int32_t SdwEnumNames(const char *key, char **names, uint32_t *count); /* 0, 7 or 99, logs */
-int32_t SdwAllocTable(uint32_t count);                                /* 0 or 7, logs */
+/* The shared start of both table builders: the policy values, the delay ratio from delay_key,
+ * then the names of "/root/<group>/<kind>" and a zero-filled table of that many records. When a
+ * table exists already it returns 0 with no names and a count of 0. Every failure is logged. */
+int32_t SdwStartTable(const char *delay_key, const char *group, const char *kind, char **names, uint32_t *count);
+/* Reads one required integer of a resource; 0, or 99 after logging the key and the size left. */
+int32_t SdwReadResourceInt(const char *key, int32_t *value);
 void SdwFreeTable(void);
 /* Unloads the configuration, the given policies (loaded in this order) and the store itself,
  * logging each failure and going on: it is also the clean-up of a failed initialisation. */

@@ -62,7 +62,7 @@ exit:
 }
 
 /* Reads the delay ratio of one kind ("monitor" or "heartbeat"); 0 or 99. */
-int32_t SdwGetDelayRatio(const char *key)
+static int32_t SdwGetDelayRatio(const char *key)
 {
     int32_t value = 0;
     int size = (int)sizeof(value);
@@ -91,7 +91,7 @@ void SdwFreeTable(void)
     }
 }
 
-int32_t SdwEnumNames(const char *key, char **names, uint32_t *count)
+static int32_t SdwEnumNames(const char *key, char **names, uint32_t *count)
 {
     int size = 0;
     int rc;
@@ -128,7 +128,7 @@ int32_t SdwEnumNames(const char *key, char **names, uint32_t *count)
     return 0;
 }
 
-int32_t SdwAllocTable(uint32_t count)
+static int32_t SdwAllocTable(uint32_t count)
 {
     SDW_RSC *table = (SDW_RSC *)GlobalAlloc(GPTR, (SIZE_T)count * sizeof(SDW_RSC));
     if (table == NULL) {
@@ -137,6 +137,52 @@ int32_t SdwAllocTable(uint32_t count)
     }
     gsdwlpRsc = table;
     gsdwRscCount = count;
+    return 0;
+}
+
+int32_t SdwStartTable(const char *delay_key, const char *group, const char *kind, char **names, uint32_t *count)
+{
+    char key[SDW_KEY_SIZE];
+    int32_t ret;
+
+    *names = NULL;
+    *count = 0;
+    ret = SdwGetPolicy();
+    if (ret != 0) {
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SdwGetPolicy() failed. (Ret=%#x)", ret);
+        return ret;
+    }
+    ret = SdwGetDelayRatio(delay_key);
+    if (ret != 0) {
+        return ret;
+    }
+    /* The policy values and the delay ratio are refreshed all the same. */
+    if (gsdwlpRsc != NULL) {
+        SDWLOG(SDW_NORSC, QMTLOG_WARNING, "resource has already created. (Rsc=%#x)", SDW_HDL(gsdwlpRsc));
+        return 0;
+    }
+
+    memset(key, 0, sizeof(key));
+    snprintf(key, sizeof(key), "/root/%s/%s", group, kind);
+    ret = SdwEnumNames(key, names, count);
+    if (ret != 0) {
+        return ret;
+    }
+    ret = SdwAllocTable(*count);
+    if (ret != 0) {
+        *count = 0;
+    }
+    return ret;
+}
+
+int32_t SdwReadResourceInt(const char *key, int32_t *value)
+{
+    int size = (int)sizeof(*value);
+    int rc = xmllib_get_value(key, XMLLIB_KIND_INT, value, &size);
+    if (rc != 0) {
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_get_value() failed. (Ret=%#x key=%s Size=%d)", rc, key, size);
+        return SDW_ERR_SYSTEM;
+    }
     return 0;
 }
 
@@ -151,27 +197,7 @@ int32_t SdwGetConfig(void)
 
     SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Start - ()");
 
-    ret = SdwGetPolicy();
-    if (ret != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SdwGetPolicy() failed. (Ret=%#x)", ret);
-        goto exit;
-    }
-    ret = SdwGetDelayRatio(SDW_KEY_DELAY_MONITOR);
-    if (ret != 0) {
-        goto exit;
-    }
-    if (gsdwlpRsc != NULL) {
-        SDWLOG(SDW_NORSC, QMTLOG_WARNING, "resource has already created. (Rsc=%#x)", SDW_HDL(gsdwlpRsc));
-        goto exit;
-    }
-
-    memset(key, 0, sizeof(key));
-    snprintf(key, sizeof(key), "/root/monitor/%s", "sdw");
-    ret = SdwEnumNames(key, &names, &count);
-    if (ret != 0) {
-        goto exit;
-    }
-    ret = SdwAllocTable(count);
+    ret = SdwStartTable(SDW_KEY_DELAY_MONITOR, "monitor", "sdw", &names, &count);
     if (ret != 0) {
         goto exit;
     }
@@ -185,11 +211,8 @@ int32_t SdwGetConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/monitor/sdw@%s/polling/timeout", slot);
-        size = (int)sizeof(value);
-        rc = xmllib_get_value(key, XMLLIB_KIND_INT, &value, &size);
-        if (rc != 0) {
-            SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_get_value() failed. (Ret=%#x key=%s Size=%d)", rc, key, size);
-            ret = SDW_ERR_SYSTEM;
+        ret = SdwReadResourceInt(key, &value);
+        if (ret != 0) {
             break;
         }
         if (value < 1) {

@@ -8,18 +8,6 @@
 
 static const char SDW_KEY_DELAY_HEARTBEAT[] = "/root/cluster/delaywarn/heartbeat";
 
-/* Reads one required integer of a resource; 0 or 99 (logged). */
-static int32_t SdwNpReadInt(const char *key, int32_t *value)
-{
-    int size = (int)sizeof(*value);
-    int rc = xmllib_get_value(key, XMLLIB_KIND_INT, value, &size);
-    if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_get_value() failed. (Ret=%#x key=%s Size=%d)", rc, key, size);
-        return SDW_ERR_SYSTEM;
-    }
-    return 0;
-}
-
 int32_t SdwGetNpConfig(void)
 {
     int32_t ret = 0;
@@ -31,27 +19,7 @@ int32_t SdwGetNpConfig(void)
 
     SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Start - ()");
 
-    ret = SdwGetPolicy();
-    if (ret != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SdwGetPolicy() failed. (Ret=%#x)", ret);
-        goto exit;
-    }
-    ret = SdwGetDelayRatio(SDW_KEY_DELAY_HEARTBEAT);
-    if (ret != 0) {
-        goto exit;
-    }
-    if (gsdwlpRsc != NULL) {
-        SDWLOG(SDW_NORSC, QMTLOG_WARNING, "resource has already created. (Rsc=%#x)", SDW_HDL(gsdwlpRsc));
-        goto exit;
-    }
-
-    memset(key, 0, sizeof(key));
-    snprintf(key, sizeof(key), "/root/networkpartition/%s", "disknp");
-    ret = SdwEnumNames(key, &names, &count);
-    if (ret != 0) {
-        goto exit;
-    }
-    ret = SdwAllocTable(count);
+    ret = SdwStartTable(SDW_KEY_DELAY_HEARTBEAT, "networkpartition", "disknp", &names, &count);
     if (ret != 0) {
         goto exit;
     }
@@ -66,7 +34,7 @@ int32_t SdwGetNpConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/networkpartition/disknp@%s/timeout", slot);
-        ret = SdwNpReadInt(key, &value);
+        ret = SdwReadResourceInt(key, &value);
         if (ret != 0) {
             break;
         }
@@ -79,7 +47,7 @@ int32_t SdwGetNpConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/networkpartition/disknp@%s/interval", slot);
-        ret = SdwNpReadInt(key, &value);
+        ret = SdwReadResourceInt(key, &value);
         if (ret != 0) {
             break;
         }
@@ -92,7 +60,7 @@ int32_t SdwGetNpConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/networkpartition/disknp@%s/count", slot);
-        ret = SdwNpReadInt(key, &value);
+        ret = SdwReadResourceInt(key, &value);
         if (ret != 0) {
             break;
         }
@@ -104,7 +72,7 @@ int32_t SdwGetNpConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/networkpartition/disknp@%s/device", slot);
-        ret = SdwNpReadInt(key, &value);
+        ret = SdwReadResourceInt(key, &value);
         if (ret != 0) {
             break;
         }
