@@ -324,8 +324,10 @@ TEST_F(DetachedProbe, CompletionRacesWithCancelAndClose) {
                 ++cancelled;
             }
         }
-        p.reset();
+        // The request is detached only once cancelled or its handle closed: only then may the
+        // OVERLAPPED and the event go, whatever the completion is doing at that moment.
         EXPECT_TRUE(CloseHandle(d));
+        p.reset();
     }
     EXPECT_EQ(completed + cancelled, 100u);
     ASSERT_TRUE(wait_until([] { return sim::pending_count(1) == 0; }));
