@@ -12,13 +12,6 @@ namespace {
 
 using namespace qmtshm;
 
-// Attachment of this process: one mapping shared by every attach, counted.
-struct Attachment {
-    std::shared_mutex mu;  // exclusive for attach/detach, shared for use of the mapping
-    int refs = 0;
-    Mapping map;
-};
-
 Attachment &att()
 {
     static Attachment a;
@@ -32,24 +25,9 @@ void setup_cm(void *addr)
     seg->set_time_ms.store(0, std::memory_order_relaxed);
 }
 
-int attach_locked(Attachment &a)
+int attach_cm(Attachment &a)
 {
-    if (a.refs == 0) {
-        int rc = map_create(segment_name("_cm"), sizeof(CmSegment), kMagicCm, setup_cm, a.map);
-        if (rc != 0)
-            return rc;
-    }
-    ++a.refs;
-    return 0;
-}
-
-int detach_locked(Attachment &a)
-{
-    if (a.refs == 0)
-        return QMTSHM_E_NOT_ATTACHED;
-    if (--a.refs == 0)
-        unmap(a.map);
-    return 0;
+    return attach_locked(a, "_cm", sizeof(CmSegment), kMagicCm, setup_cm);
 }
 
 CmSegment *seg(Attachment &a)
@@ -65,7 +43,7 @@ QMTSHM_API int WINAPI shmcm_attach(void)
 {
     Attachment &a = att();
     std::unique_lock lk(a.mu);
-    return attach_locked(a);
+    return attach_cm(a);
 }
 
 QMTSHM_API int WINAPI shmcm_detach(void)
@@ -100,7 +78,7 @@ QMTSHM_API int shmcm_setratio(int ratio)
 {
     Attachment &a = att();
     std::unique_lock lk(a.mu);
-    int rc = attach_locked(a);
+    int rc = attach_cm(a);
     if (rc != 0)
         return rc;
     CmSegment *s = seg(a);

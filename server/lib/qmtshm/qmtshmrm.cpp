@@ -14,12 +14,6 @@ namespace {
 
 using namespace qmtshm;
 
-struct Attachment {
-    std::shared_mutex mu;  // exclusive for attach/detach, shared for use of the mapping
-    int refs = 0;
-    Mapping map;
-};
-
 Attachment &att()
 {
     static Attachment a;
@@ -164,24 +158,14 @@ QMTSHM_API int WINAPI shmrm_attach(void)
 {
     Attachment &a = att();
     std::unique_lock lk(a.mu);
-    if (a.refs == 0) {
-        int rc = map_create(segment_name("_rm"), sizeof(RmSegment), kMagicRm, setup_rm, a.map);
-        if (rc != 0)
-            return rc;
-    }
-    ++a.refs;
-    return 0;
+    return attach_locked(a, "_rm", sizeof(RmSegment), kMagicRm, setup_rm);
 }
 
 QMTSHM_API int WINAPI shmrm_detach(void)
 {
     Attachment &a = att();
     std::unique_lock lk(a.mu);
-    if (a.refs == 0)
-        return QMTSHM_E_NOT_ATTACHED;
-    if (--a.refs == 0)
-        unmap(a.map);
-    return 0;
+    return detach_locked(a);
 }
 
 // text is kept up to its NUL or `length` bytes, whichever comes first, and at most 255 bytes.

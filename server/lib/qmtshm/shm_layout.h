@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <shared_mutex>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -88,6 +89,18 @@ int map_create(const std::string &name, size_t size, uint32_t magic, void (*setu
 // Maps an existing, set-up segment read-only (writable = false) or read-write; never creates.
 int map_existing(const std::string &name, size_t size, uint32_t magic, bool writable, Mapping &out);
 void unmap(Mapping &m);
+
+// One process's attachment to a segment: every attach shares one mapping, counted.
+struct Attachment {
+    std::shared_mutex mu;  // exclusive for attach/detach, shared for use of the mapping
+    int refs = 0;
+    Mapping map;
+};
+// Both with `mu` held exclusively. The first attach maps (creating the segment when absent,
+// `setup` making it ready); the last detach unmaps. A detach without attach returns
+// QMTSHM_E_NOT_ATTACHED and does nothing else.
+int attach_locked(Attachment &a, const char *suffix, size_t size, uint32_t magic, void (*setup)(void *));
+int detach_locked(Attachment &a);
 bool segment_exists(const std::string &name);
 
 int64_t wall_ms();

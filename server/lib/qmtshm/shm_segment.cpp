@@ -117,6 +117,26 @@ void unmap(Mapping &m)
     m = {};
 }
 
+int attach_locked(Attachment &a, const char *suffix, size_t size, uint32_t magic, void (*setup)(void *))
+{
+    if (a.refs == 0) {
+        int rc = map_create(segment_name(suffix), size, magic, setup, a.map);
+        if (rc != 0)
+            return rc;
+    }
+    ++a.refs;
+    return 0;
+}
+
+int detach_locked(Attachment &a)
+{
+    if (a.refs == 0)
+        return QMTSHM_E_NOT_ATTACHED;
+    if (--a.refs == 0)
+        unmap(a.map);
+    return 0;
+}
+
 bool segment_exists(const std::string &name)
 {
     int fd = shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
