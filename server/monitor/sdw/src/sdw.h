@@ -182,6 +182,8 @@ static inline DWORD SdwExtentDisk(const VOLUME_DISK_EXTENTS *extents, DWORD i)
     return first[i].DiskNumber;
 }
 int32_t SdwMonitor(SDW_RSC *rsc);
+/* The seven trace lines of a completed probe, written for the resource under `function`. */
+void SdwLogProbeResult(SDW_RSC *rsc, const char *function, const OVERLAPPED *ov, DWORD bytes, DWORD lun);
 
 /* ---- Network-partition worker and its control ---------------------------------------------- */
 typedef unsigned(__stdcall *SDW_THREAD_FUNC)(void *);

@@ -99,6 +99,21 @@ exit:
     return ret;
 }
 
+/* The seven lines of a completed probe, as both the disk check and the disknp worker write them. */
+void SdwLogProbeResult(SDW_RSC *rsc, const char *function, const OVERLAPPED *ov, DWORD bytes, DWORD lun)
+{
+#define RESLOG(...) SdwWriteLog(rsc->name, QMTLOG_TRACE, __FILE__, __LINE__, function, __VA_ARGS__)
+    RESLOG("*** Result of overLapped (Name=%s TransByts=%d LUN=%d)", rsc->name, (int)bytes, (int)lun);
+    RESLOG("*** Result of overLapped (Name=%s Event=%#x LUN=%d)", rsc->name, SDW_HDL(ov->hEvent), (int)lun);
+    RESLOG("*** Result of overLapped (Name=%s Offset=%d LUN=%d)", rsc->name, (int)ov->Offset, (int)lun);
+    RESLOG("*** Result of overLapped (Name=%s OffsetHigh=%d LUN=%d)", rsc->name, (int)ov->OffsetHigh, (int)lun);
+    RESLOG("*** Result of overLapped (Name=%s Internal=%d LUN=%d)", rsc->name, (int)(DWORD)ov->Internal, (int)lun);
+    RESLOG("*** Result of overLapped (Name=%s InternalHigh=%d LUN=%d)", rsc->name, (int)(DWORD)ov->InternalHigh,
+           (int)lun);
+    RESLOG("*** Result of overLapped (Name=%s TransByts=%d LUN=%d)", rsc->name, (int)bytes, (int)lun);
+#undef RESLOG
+}
+
 /* One check-verify probe of an open disk; 0, 5 or 100. */
 static int32_t SdwProbeDisk(SDW_RSC *rsc, HANDLE disk, DWORD lun, HANDLE event, int32_t T)
 {
@@ -136,17 +151,7 @@ static int32_t SdwProbeDisk(SDW_RSC *rsc, HANDLE disk, DWORD lun, HANDLE event, 
                SDW_HDL(disk), (int)lun, (int)bytes, (int)GetLastError());
         return SDW_ERR_IO;
     }
-    MONLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s TransByts=%d LUN=%d)", rsc->name, (int)bytes, (int)lun);
-    MONLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s Event=%#x LUN=%d)", rsc->name, SDW_HDL(ov.hEvent),
-           (int)lun);
-    MONLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s Offset=%d LUN=%d)", rsc->name, (int)ov.Offset, (int)lun);
-    MONLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s OffsetHigh=%d LUN=%d)", rsc->name, (int)ov.OffsetHigh,
-           (int)lun);
-    MONLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s Internal=%d LUN=%d)", rsc->name, (int)(DWORD)ov.Internal,
-           (int)lun);
-    MONLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s InternalHigh=%d LUN=%d)", rsc->name,
-           (int)(DWORD)ov.InternalHigh, (int)lun);
-    MONLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s TransByts=%d LUN=%d)", rsc->name, (int)bytes, (int)lun);
+    SdwLogProbeResult(rsc, "SdwMonitor", &ov, bytes, lun);
     return 0;
 }
 

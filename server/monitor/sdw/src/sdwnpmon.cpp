@@ -262,20 +262,7 @@ unsigned __stdcall SdwNpMonitor(void *arg)
                               SDW_HDL(device), (int)lun, (int)err);
                         break;
                     }
-                    NPLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s TransByts=%d LUN=%d)", rsc->name, (int)bytes,
-                          (int)lun);
-                    NPLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s Event=%#x LUN=%d)", rsc->name,
-                          SDW_HDL(ov.hEvent), (int)lun);
-                    NPLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s Offset=%d LUN=%d)", rsc->name,
-                          (int)ov.Offset, (int)lun);
-                    NPLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s OffsetHigh=%d LUN=%d)", rsc->name,
-                          (int)ov.OffsetHigh, (int)lun);
-                    NPLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s Internal=%d LUN=%d)", rsc->name,
-                          (int)(DWORD)ov.Internal, (int)lun);
-                    NPLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s InternalHigh=%d LUN=%d)", rsc->name,
-                          (int)(DWORD)ov.InternalHigh, (int)lun);
-                    NPLOG(QMTLOG_TRACE, "*** Result of overLapped (Name=%s TransByts=%d LUN=%d)", rsc->name, (int)bytes,
-                          (int)lun);
+                    SdwLogProbeResult(rsc, __func__, &ov, bytes, lun);
                 } else if (rc == WAIT_TIMEOUT) {
                     /* Reported at once, whatever the retries say; then the worker keeps waiting
                      * for the disk, which DoNpMontr sees as a stalled cycle. */
