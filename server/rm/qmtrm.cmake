@@ -2,6 +2,7 @@
 # platform and cluster libraries itself, so both share one process state (sim storage, ticks,
 # shared memory, configuration store).
 find_package(CLI11 CONFIG QUIET)
+find_package(pugixml REQUIRED)
 # Everything but main() and the version resource, so tests can drive the engine with a fake plug-in.
 add_library(qmtrm_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_common.cpp
@@ -9,13 +10,17 @@ add_library(qmtrm_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_engine.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_run.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script_parse.cpp
+  # The configuration store's key paths, for the script's `conf` lines.
+  ${PROJECT_SOURCE_DIR}/server/lib/qmtxml/keypath.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_demo.cpp)
 target_include_directories(qmtrm_core PUBLIC
   ${CMAKE_CURRENT_LIST_DIR}
   ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include
   ${PROJECT_SOURCE_DIR}/server/platform/include
-  ${PROJECT_SOURCE_DIR}/server/lib/qmtshm)
-target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm Threads::Threads ${CMAKE_DL_LIBS})
+  ${PROJECT_SOURCE_DIR}/server/lib/qmtshm
+  ${PROJECT_SOURCE_DIR}/server/lib/qmtxml)
+target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm pugixml::pugixml Threads::Threads ${CMAKE_DL_LIBS})
 if(TARGET CLI11::CLI11)
   target_link_libraries(qmtrm_core PUBLIC CLI11::CLI11)
 endif()

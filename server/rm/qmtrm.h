@@ -73,7 +73,8 @@ private:
 
 int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_ms, double duration_s,
              bool verbose);
-int script_main(const std::string &file, const EnvOptions &env);
+// times: print each call's start (ms since the script began) and duration.
+int script_main(const std::string &file, const EnvOptions &env, bool times);
 int demo_main(Service service, double duration_s, bool verbose, const std::string &plugin);
 
 } // namespace qmtrm

@@ -56,13 +56,20 @@ int main(int argc, char **argv)
                                                     "(FILE or - for standard input)");
     add_env_options(script, &env);
     script->add_option("file", script_file, "Script file, or - for standard input")->required();
+    bool times = false;
+    script->add_flag("--times", times, "Print each call's start time and duration");
     script->footer(
-        "Lines (TYPE/NAME may be NULL; CTRL decimal or 0x hex; # starts a comment):\n"
+        "Lines (TYPE/NAME may be NULL; \"quoted words\" keep blanks; numbers decimal or 0x hex; # starts a "
+        "comment; docs/qmtrm.md has the details):\n"
         "  InitRscDll|UninitRscDll|InitNpRscDll|UninitNpRscDll [DllName [DllType [ExecMode]]]\n"
         "  DoMontr TYPE NAME | DoNpMontr TYPE NAME | GetCheckPoint NAME\n"
         "  MontrStatusChange TYPE NAME CTRL | NpMontrStatusChange TYPE NAME CTRL\n"
-        "  sim STATEMENT | sim release DISK [ERR] | ratio N | tick set VALUE | tick add MS | sleep MS\n"
-        "  expect N | expect != N | expect-log TEXT | async CALL... | wait [MS]\n"
+        "  async [NAME] CALL | wait [NAME] [MS] | expect N | expect != N\n"
+        "  expect-log [LEVEL] [FUNCTION] \"TEXT\" | expect-log-count N ... | expect-no-log ... | mark\n"
+        "  sim STATEMENT | sim release DISK [ERR] | ratio N | sleep MS\n"
+        "  tick set VALUE | tick add MS | tick freeze [VALUE] | tick thaw\n"
+        "  fault FUNCTION N [ERR] | fault clear | expect-live handles|allocations N\n"
+        "  conf set KEY VALUE | conf remove KEY | conf write FILE | shm NAME | expect-shm NAME PROGRESS \"TEXT\"\n"
         "Exit statuses: 0 every expect held; 1 an expect failed; 2 a line not understood; 3 plug-in not "
         "loaded; 4 an async call still running at a wait's limit.");
 
@@ -84,6 +91,6 @@ int main(int argc, char **argv)
     if (*run)
         return qmtrm::run_main(to_service(service), env, threads, stop_wait_ms, run_duration, verbose);
     if (*script)
-        return qmtrm::script_main(script_file, env);
+        return qmtrm::script_main(script_file, env, times);
     return qmtrm::demo_main(to_service(service), demo_duration, verbose, demo_plugin);
 }

@@ -65,6 +65,8 @@ enum class Behaviour {
     Refuse,      /* DeviceIoControl fails at once with error */
     Fail,        /* the probe goes pending and completes with error (after delay_ms) */
     Hang,        /* the probe stays pending until cancelled, closed or released */
+    Stuck,       /* the probe stays pending until released: CancelIo leaves it pending and
+                    CloseHandle of its disk blocks until then */
     OpenFail,    /* CreateFileA of the disk fails with error */
 };
 
@@ -82,6 +84,8 @@ QMTWIN_API void reset();
 /* Applies one statement of the description format to the current world (nothing is reset), e.g.
  * "disk 1 delay 1500" or "volume GUID disks 0 1". Returns false and fills *why when invalid. */
 QMTWIN_API bool apply(const std::string &statement, std::string *why = nullptr);
+/* Whether `statement` is valid, without applying it. */
+QMTWIN_API bool check(const std::string &statement, std::string *why = nullptr);
 
 /* Volumes: a GUID text (without braces) and its disks in order. */
 QMTWIN_API void set_volume(const std::string &guid, const std::vector<DWORD> &disks);

@@ -38,6 +38,9 @@ public:
     bool cancel();
     // CloseHandle: a pending request detaches without a word to its caller.
     void detach();
+    // A device that ignores cancellation: cancel() leaves the request pending, and detach()
+    // (CloseHandle) blocks until the device has finished.
+    void ignore_cancel();
 
     bool pending();
     // Waits until the request is no longer pending for its caller; false on timeout.
@@ -55,6 +58,7 @@ private:
     HANDLE event_;
     State state_ = State::Pending;
     bool device_done_ = false;
+    bool ignores_cancel_ = false;
     DWORD error_ = 0;
     DWORD bytes_ = 0;
 };

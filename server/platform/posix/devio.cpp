@@ -292,7 +292,7 @@ void Request::complete(DWORD error, DWORD bytes) {
 
 bool Request::cancel() {
     std::lock_guard<std::mutex> lk(m_);
-    if (state_ != State::Pending) return false;
+    if (state_ != State::Pending || ignores_cancel_) return false;
     state_ = State::Done;
     error_ = ERROR_OPERATION_ABORTED;
     bytes_ = 0;
@@ -308,13 +308,19 @@ bool Request::cancel() {
 }
 
 void Request::detach() {
-    std::lock_guard<std::mutex> lk(m_);
+    std::unique_lock<std::mutex> lk(m_);
+    if (ignores_cancel_) cv_.wait(lk, [this] { return device_done_; });
     if (state_ != State::Pending) return;
     state_ = State::Detached;
     error_ = ERROR_OPERATION_ABORTED;
     ov_ = nullptr;
     event_ = nullptr;
     cv_.notify_all();
+}
+
+void Request::ignore_cancel() {
+    std::lock_guard<std::mutex> lk(m_);
+    ignores_cancel_ = true;
 }
 
 bool Request::pending() {

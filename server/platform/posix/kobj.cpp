@@ -394,6 +394,27 @@ using qmtp::Kind;
 using qmtp::Object;
 using qmtp::ObjectPtr;
 
+namespace {
+
+// A fault on a wait: error 258 (WAIT_TIMEOUT) makes the wait time out at once, and error 128
+// (WAIT_ABANDONED) lets it run and reports what it got as abandoned, as for a mutex whose owner
+// ended while holding it (the caller owns the mutex). Any other error makes it fail.
+DWORD faulty_wait(const char *name, DWORD count, const HANDLE *handles, bool wait_all, DWORD milliseconds) {
+    DWORD error = 0;
+    if (!qmtp::fault_hit(name, &error))
+        return qmtp::wait_handles(count, handles, wait_all, milliseconds);
+    if (error == WAIT_TIMEOUT)
+        return WAIT_TIMEOUT;
+    if (error == WAIT_ABANDONED) {
+        DWORD r = qmtp::wait_handles(count, handles, wait_all, milliseconds);
+        return r < WAIT_OBJECT_0 + count ? WAIT_ABANDONED + (r - WAIT_OBJECT_0) : r;
+    }
+    SetLastError(error);
+    return WAIT_FAILED;
+}
+
+} // namespace
+
 extern "C" {
 
 HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES, BOOL initial_owner, LPCSTR name) {
@@ -566,13 +587,11 @@ BOOL WINAPI CancelWaitableTimer(HANDLE timer) {
 }
 
 DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
-    QMTP_FAULT_POINT("WaitForSingleObject", WAIT_FAILED);
-    return qmtp::wait_handles(1, &handle, false, milliseconds);
+    return faulty_wait("WaitForSingleObject", 1, &handle, false, milliseconds);
 }
 
 DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL wait_all, DWORD milliseconds) {
-    QMTP_FAULT_POINT("WaitForMultipleObjects", WAIT_FAILED);
-    return qmtp::wait_handles(count, handles, wait_all != FALSE, milliseconds);
+    return faulty_wait("WaitForMultipleObjects", count, handles, wait_all != FALSE, milliseconds);
 }
 
 BOOL WINAPI CloseHandle(HANDLE handle) {

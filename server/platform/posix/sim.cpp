@@ -266,8 +266,8 @@ bool parse_line(const std::string &line, Statement *st, bool *empty, std::string
             }
             return true;
         }
-        if (b == "hang") {
-            s.behaviour = Behaviour::Hang;
+        if (b == "hang" || b == "stuck") {
+            s.behaviour = b == "hang" ? Behaviour::Hang : Behaviour::Stuck;
             return no_more(3);
         }
         *reason = "unknown disk behaviour '" + b + "'";
@@ -412,6 +412,9 @@ public:
         case Behaviour::Fail:
             w.schedule(n_, d.state.delay_ms, d.state.error, req);
             return {ProbeStart::Pending, 0};
+        case Behaviour::Stuck:
+            req->ignore_cancel();
+            [[fallthrough]];
         case Behaviour::Hang:
             w.hung.emplace_back(n_, req);
             return {ProbeStart::Pending, 0};
@@ -467,6 +470,15 @@ bool apply(const std::string &statement, std::string *why) {
         return false;
     }
     return run_text(world(), statement, "<statement>", false, why);
+}
+
+bool check(const std::string &statement, std::string *why) {
+    std::vector<Statement> list;
+    if (statement.find('\n') != std::string::npos) {
+        if (why) *why = "<statement>:1: one statement only";
+        return false;
+    }
+    return parse_text(statement, "<statement>", &list, why);
 }
 
 void set_volume(const std::string &guid, const std::vector<DWORD> &disks) {
