@@ -25,7 +25,11 @@ foreach(k "/root/monitor/sdw@a/t" "/root/monitor/sdw@x'y/t" "/root/monitor/sdw@a
   file(WRITE ${BIN}/corpus_keypath/seed${i} "${k}")
   math(EXPR i "${i} + 1")
 endforeach()
-foreach(t keypath loader)
+# The script parser starts from the example scripts.
+file(MAKE_DIRECTORY ${BIN}/corpus_script)
+file(GLOB scripts ${SRC}/../tests/host/scripts/*.qmt)
+file(COPY ${scripts} DESTINATION ${BIN}/corpus_script)
+foreach(t keypath loader script)
   execute_process(COMMAND ${BIN}/fuzz_${t} -max_total_time=${SECONDS} -print_final_stats=1
                           -artifact_prefix=${BIN}/crash_${t}_ ${BIN}/corpus_${t}
                   RESULT_VARIABLE rc)
