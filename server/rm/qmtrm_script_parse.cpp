@@ -4,6 +4,7 @@
 #include "keypath.h"
 
 #include <array>
+#include <set>
 #include <sstream>
 
 namespace qmtrm::script {
@@ -394,6 +395,7 @@ std::vector<Statement> parse(const std::string &text, const SimCheck &check_sim)
     std::istringstream in(text);
     std::string line;
     int number = 0;
+    std::set<std::string> async_names;
     while (std::getline(in, line)) {
         ++number;
         if (!line.empty() && line.back() == '\r')
@@ -411,6 +413,10 @@ std::vector<Statement> parse(const std::string &text, const SimCheck &check_sim)
         try {
             Statement st = parse_line(w, line.substr(begin, end - begin + 1), check_sim);
             st.line = number;
+            if (st.op == Op::Async && !st.name.empty())
+                async_names.insert(st.name);
+            if (st.op == Op::Wait && !st.name.empty() && !async_names.count(st.name))
+                throw Error{"no async call named " + st.name + " before this line"};
             out.push_back(std::move(st));
         } catch (const Error &e) {
             throw ParseError{number, e.what};

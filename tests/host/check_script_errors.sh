@@ -56,6 +56,7 @@ async|usage: async [NAME] CALL
 async 1x DoMontr sdw sdw1|not an async name: 1x
 async a b DoMontr sdw sdw1|not an export: b
 wait a b|not a number for MS: b
+wait a|no async call named a before this line
 "DoMontr" sdw sdw1|a line begins with a keyword or an export, not a quoted word
 frobnicate|unknown call: frobnicate
 CASES
