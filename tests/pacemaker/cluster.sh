@@ -29,14 +29,14 @@ cleanup() {
   trap - EXIT INT TERM
   # Every process in one of our network namespaces is ours: the daemons, their children, the monitor.
   local h ns p
+  # The shell's notes on the jobs it sees killed are noise here.
+  exec 2>/dev/null
   for h in "${holders[@]}"; do
     ns=$(readlink "/proc/$h/ns/net" 2>/dev/null) || continue
     for p in /proc/[0-9]*; do
       [ "$(readlink "$p/ns/net" 2>/dev/null)" = "$ns" ] && kill -KILL "${p#/proc/}" 2>/dev/null
     done
   done
-  # The shell's notes on its killed jobs are noise here.
-  exec 2>/dev/null
   wait
   [ -n "${KEEP:-}" ] || rm -rf "$work"
 }
