@@ -115,7 +115,8 @@ Colour node_colour(const std::vector<Engine::View> &view, const std::vector<Heal
         return Colour::Red;
     }
     if (watched == 0) {
-        *why = view.empty() ? "no resource configured" : "no resource watches a disk on this server" + nothing;
+        *why = view.empty() ? "no resource configured"
+                            : "no resource watches a disk on this server (" + join(idle) + ")";
         return Colour::Yellow;
     }
     if (known < watched) {
