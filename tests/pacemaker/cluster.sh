@@ -182,12 +182,13 @@ wait_for() {  # wait_for SECONDS WHAT COMMAND...
   done
   echo "ok: $what ($((SECONDS - t0)) s)"
 }
+# The queries are bounded, so that a stop signal is always taken within seconds and cleans up.
 health_is() {  # health_is NODE COLOUR
-  in_node "$1" attrd_updater -n '#health-qmtsdw' -Q -N "$1" 2>/dev/null | grep -q "value=\"$2\""
+  in_node "$1" timeout 10 attrd_updater -n '#health-qmtsdw' -Q -N "$1" 2>/dev/null | grep -q "value=\"$2\""
 }
 dummy_on() {  # dummy_on NODE|nowhere
   local where
-  where=$(in_node node1 crm_resource --locate -r dummy 2>&1)
+  where=$(in_node node1 timeout 10 crm_resource --locate -r dummy 2>&1)
   if [ "$1" = nowhere ]; then echo "$where" | grep -q "NOT running"; else echo "$where" | grep -q "running on: $1\$"; fi
 }
 set_disk() {  # set_disk NODE BEHAVIOUR: the node's monitor re-reads its sim file when it changes
@@ -232,7 +233,7 @@ else
   dummy_runs() { dummy_on node1 || dummy_on node2; }
   wait_for 60 "both nodes green" both_green
   wait_for 30 "dummy runs" dummy_runs
-  where=$(in_node node1 crm_resource --locate -r dummy 2>&1 | sed -n 's/.*running on: //p')
+  where=$(in_node node1 timeout 10 crm_resource --locate -r dummy 2>&1 | sed -n 's/.*running on: //p')
   other=node2; [ "$where" = node2 ] && other=node1
   set_disk "$where" "fail 1117"
   wait_for 15 "disk of $where fails: $where red" health_is "$where" red

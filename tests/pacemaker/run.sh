@@ -29,7 +29,7 @@ step() {  # step LIMIT NAME COMMAND...: a time-limited test; 77 is a skip
   local limit=$1 name=$2; shift 2
   local t0=$SECONDS rc=0
   echo "=== $name"
-  timeout --signal=TERM --kill-after=10 "$limit" "$@" || rc=$?
+  timeout --signal=TERM --kill-after=30 "$limit" "$@" || rc=$?
   case $rc in
     0) echo "=== $name: passed ($((SECONDS - t0)) s)" ;;
     77) echo "=== $name: skipped" ;;
