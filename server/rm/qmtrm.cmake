@@ -9,6 +9,7 @@ add_library(qmtrm_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_plugin.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_engine.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_run.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_health.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script_parse.cpp
   # The configuration store's key paths, for the script's `conf` lines.
@@ -20,7 +21,8 @@ target_include_directories(qmtrm_core PUBLIC
   ${PROJECT_SOURCE_DIR}/server/platform/include
   ${PROJECT_SOURCE_DIR}/server/lib/qmtshm
   ${PROJECT_SOURCE_DIR}/server/lib/qmtxml)
-target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm pugixml::pugixml Threads::Threads ${CMAKE_DL_LIBS})
+target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm qmtutil pugixml::pugixml Threads::Threads
+                      ${CMAKE_DL_LIBS})
 if(TARGET CLI11::CLI11)
   target_link_libraries(qmtrm_core PUBLIC CLI11::CLI11)
 endif()
