@@ -1,8 +1,9 @@
 // The whole life of each service with every platform call that can fail failed in turn: a clean
 // run counts each function's calls, then one run per function and call number fails that call.
-// Every run is a child process, so that a crash or a hang is reported with the call that caused
-// it; each must end on its own within its bound, and after the teardown no handle and no
-// allocation may be left (one fewer close or free is allowed when that is the call that failed).
+// Runs go in child processes, a few in a row in each, so that a crash or a hang is reported with
+// the call that caused it; each run must end on its own within its bound, and after the teardown
+// no handle and no allocation may be left (one fewer close or free is allowed when that is the
+// call that failed).
 #include "doubles.h"
 #include "qmtplat.h"
 #include "qmtrsrc.h"
@@ -11,8 +12,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <deque>
@@ -104,10 +107,15 @@ void disknp_life()
 using Life = void (*)();
 using Counts = std::map<std::string, unsigned>;
 
-// The child's part: one life with the nth call of `function` failing (none when nth is 0). The
-// clean run writes each function's call count to `out`; a run that leaves something behind
-// writes what and ends with 1.
-[[noreturn]] void run_child(Life life, const std::string &function, unsigned nth, int out)
+// One run: the nth call of `function` fails (nth 0: a clean run, which counts the calls).
+struct Job {
+    std::string function;
+    unsigned nth = 0;
+};
+
+// One life in the child. Returns "" when it left nothing behind, else what it left; a clean
+// run's `counts` gets each function's calls as "name=count ...".
+std::string run_life(Life life, const Job &job, std::string *counts)
 {
     doubles::reset();
     qmtp::sim::reset();
@@ -121,174 +129,172 @@ using Counts = std::map<std::string, unsigned>;
     qmtp_fault_clear();
     const long handles = qmtp_live_handles();
     const long allocations = qmtp_live_allocations();
-    if (nth != 0) qmtp_fault_set(function.c_str(), nth, kInjected);
+    if (job.nth != 0) qmtp_fault_set(job.function.c_str(), job.nth, kInjected);
     life();
-    std::ostringstream report;
-    if (nth == 0) {
-        for (const char *f : kFunctions) report << f << ' ' << qmtp_call_count(f) << '\n';
-    }
-    const long handle_slack = function == "CloseHandle" ? 1 : 0;
-    const long allocation_slack = function == "GlobalFree" ? 1 : 0;
+    if (job.nth == 0)
+        for (const char *f : kFunctions) *counts += std::string(f) + "=" + std::to_string(qmtp_call_count(f)) + " ";
+    qmtp_fault_clear();
+    const long handle_slack = job.function == "CloseHandle" ? 1 : 0;
+    const long allocation_slack = job.function == "GlobalFree" ? 1 : 0;
     const long left_handles = qmtp_live_handles() - handles;
     const long left_allocations = qmtp_live_allocations() - allocations;
-    int status = 0;
-    if (gsdwInitCount != 0 || gsdwlpRsc != nullptr) {
-        report << "still initialised after the teardown; ";
-        status = 1;
-    }
-    if (left_handles < 0 || left_handles > handle_slack) {
-        report << left_handles << " handle(s) left; ";
-        status = 1;
-    }
-    if (left_allocations < 0 || left_allocations > allocation_slack) {
-        report << left_allocations << " allocation(s) left; ";
-        status = 1;
-    }
-    const std::string text = report.str();
-    (void)!write(out, text.data(), text.size());
-    _exit(status);
+    std::string left;
+    if (gsdwInitCount != 0 || gsdwlpRsc != nullptr) left += "still initialised after the teardown; ";
+    if (left_handles < 0 || left_handles > handle_slack) left += std::to_string(left_handles) + " handle(s) left; ";
+    if (left_allocations < 0 || left_allocations > allocation_slack)
+        left += std::to_string(left_allocations) + " allocation(s) left; ";
+    return left;
 }
 
-struct Run {
-    std::string function;
-    unsigned nth = 0;
+// The child runs its jobs in order, one line each on `out`: "ok COUNTS" or what was left. It
+// stops at the first run that left something, as the next would start from what it left.
+[[noreturn]] void run_child(Life life, const std::vector<Job> &jobs, int out)
+{
+    for (const Job &job : jobs) {
+        std::string counts;
+        const std::string left = run_life(life, job, &counts);
+        const std::string line = (left.empty() ? "ok " + counts : left) + "\n";
+        (void)!write(out, line.data(), line.size());
+        if (!left.empty()) _exit(1);
+    }
+    _exit(0);
+}
+
+// A child with its jobs. Failing runs are reported by job; the jobs after a run that crashed,
+// hung or left something go to a new child.
+struct Batch {
+    std::vector<Job> jobs;
+    size_t done = 0;
     pid_t pid = -1;
     int out = -1;
-    std::chrono::steady_clock::time_point started;
+    std::string pending;  // a line not yet complete
+    std::chrono::steady_clock::time_point job_started;
 };
 
-// Starts a child for one run; the parent keeps the read end of its report pipe.
-Run start(Life life, const std::string &function, unsigned nth)
+Batch start(Life life, std::vector<Job> jobs)
 {
-    Run run;
-    run.function = function;
-    run.nth = nth;
+    Batch batch;
+    batch.jobs = std::move(jobs);
     int fds[2];
-    if (pipe(fds) != 0) return run;
+    if (pipe(fds) != 0) return batch;
     std::fflush(nullptr);
-    run.pid = fork();
-    if (run.pid == 0) {
+    batch.pid = fork();
+    if (batch.pid == 0) {
         close(fds[0]);
-        run_child(life, function, nth, fds[1]);
+        run_child(life, batch.jobs, fds[1]);
     }
     close(fds[1]);
-    run.out = fds[0];
-    run.started = std::chrono::steady_clock::now();
-    return run;
+    fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    batch.out = fds[0];
+    batch.job_started = std::chrono::steady_clock::now();
+    return batch;
 }
 
-std::string drain(int fd)
+std::string describe(const Job &job) { return job.function + " call " + std::to_string(job.nth) + " failing: "; }
+
+// Takes the child's finished lines: each ends a job. Returns the lines' texts.
+std::vector<std::string> take_lines(Batch &b)
 {
-    std::string text;
     char buf[4096];
     ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
-    close(fd);
-    return text;
-}
-
-// Waits for a run; "" when it ended well, else what went wrong. `report` gets what it wrote.
-std::string finish(Run &run, std::string *report)
-{
-    if (run.pid < 0) return "could not be started";
-    int status = 0;
-    for (;;) {
-        pid_t done = waitpid(run.pid, &status, WNOHANG);
-        if (done == run.pid) break;
-        if (std::chrono::steady_clock::now() - run.started > kRunLimit) {
-            kill(run.pid, SIGKILL);
-            waitpid(run.pid, &status, 0);
-            drain(run.out);
-            return "hung (killed after " + std::to_string(kRunLimit.count()) + " s)";
-        }
-        std::this_thread::sleep_for(5ms);
+    while ((n = read(b.out, buf, sizeof buf)) > 0) b.pending.append(buf, static_cast<size_t>(n));
+    std::vector<std::string> lines;
+    for (size_t end; (end = b.pending.find('\n')) != std::string::npos;) {
+        lines.push_back(b.pending.substr(0, end));
+        b.pending.erase(0, end + 1);
+        b.done++;
+        b.job_started = std::chrono::steady_clock::now();
     }
-    *report = drain(run.out);
-    if (WIFSIGNALED(status)) return "crashed (signal " + std::to_string(WTERMSIG(status)) + ")";
-    if (WEXITSTATUS(status) != 0) return *report;
-    return "";
+    return lines;
 }
 
-Counts clean_counts(Life life)
+// Runs `jobs`, `per_child` in a row in each child and kParallel children at a time. Each line of
+// `failures` names a run that went wrong; `reports` gets every run's line.
+void sweep(Life life, const std::vector<Job> &jobs, size_t per_child, std::vector<std::string> *failures,
+           std::vector<std::string> *reports = nullptr)
 {
-    Run run = start(life, "", 0);
-    std::string report;
-    const std::string failure = finish(run, &report);
-    EXPECT_EQ(failure, "") << "the clean run";
-    Counts counts;
-    std::istringstream in(report);
-    std::string name;
-    unsigned count;
-    while (in >> name >> count) counts[name] = count;
-    return counts;
-}
-
-// Runs every (function, nth) of the clean run's counts but those of `skip`, kParallel at a time;
-// returns one line per run that went wrong.
-std::vector<std::string> sweep(Life life, const Counts &counts, const std::string &skip)
-{
-    std::deque<std::pair<std::string, unsigned>> todo;
-    for (const auto &[function, count] : counts)
-        for (unsigned nth = 1; nth <= count; nth++)
-            if (function != skip) todo.emplace_back(function, nth);
-    std::vector<std::string> failures;
-    std::vector<Run> running;
-    std::chrono::steady_clock::duration slowest{};
-    std::string slowest_run;
+    std::deque<std::vector<Job>> todo;
+    for (size_t i = 0; i < jobs.size(); i += per_child)
+        todo.emplace_back(jobs.begin() + static_cast<std::ptrdiff_t>(i),
+                          jobs.begin() + static_cast<std::ptrdiff_t>(std::min(jobs.size(), i + per_child)));
+    std::vector<Batch> running;
     while (!todo.empty() || !running.empty()) {
         while (!todo.empty() && running.size() < kParallel) {
-            running.push_back(start(life, todo.front().first, todo.front().second));
+            running.push_back(start(life, std::move(todo.front())));
             todo.pop_front();
         }
-        // Reap whichever child has ended (or overran its bound).
         for (size_t i = 0; i < running.size();) {
-            Run &r = running[i];
+            Batch &b = running[i];
+            for (const std::string &line : take_lines(b)) {
+                if (reports) reports->push_back(line);
+                if (line.rfind("ok ", 0) != 0) failures->push_back(describe(b.jobs[b.done - 1]) + line);
+            }
             siginfo_t info{};
-            bool ended = r.pid < 0 || (waitid(P_PID, static_cast<id_t>(r.pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-                                       info.si_pid == r.pid);
-            bool overran = std::chrono::steady_clock::now() - r.started > kRunLimit;
-            if (!ended && !overran) {
+            const bool ended = waitid(P_PID, static_cast<id_t>(b.pid), &info, WEXITED | WNOHANG) == 0 && info.si_pid == b.pid;
+            const bool hung = !ended && std::chrono::steady_clock::now() - b.job_started > kRunLimit;
+            if (!ended && !hung) {
                 i++;
                 continue;
             }
-            std::string report;
-            const std::string failure = finish(r, &report);
-            const auto took = std::chrono::steady_clock::now() - r.started;
-            if (took > slowest) {
-                slowest = took;
-                slowest_run = r.function + " call " + std::to_string(r.nth);
+            if (hung) {
+                kill(b.pid, SIGKILL);
+                waitpid(b.pid, nullptr, 0);
             }
-            if (!failure.empty())
-                failures.push_back(r.function + " call " + std::to_string(r.nth) + " failing: " + failure);
+            for (const std::string &line : take_lines(b)) {
+                if (reports) reports->push_back(line);
+                if (line.rfind("ok ", 0) != 0) failures->push_back(describe(b.jobs[b.done - 1]) + line);
+            }
+            close(b.out);
+            size_t next = b.done;
+            if (next < b.jobs.size() && (hung || info.si_code != CLD_EXITED)) {
+                failures->push_back(describe(b.jobs[next]) +
+                                    (hung ? "hung (killed after " + std::to_string(kRunLimit.count()) + " s)"
+                                          : "crashed (signal " + std::to_string(info.si_status) + ")"));
+                next++;
+            }
+            if (next < b.jobs.size()) todo.emplace_back(b.jobs.begin() + static_cast<std::ptrdiff_t>(next), b.jobs.end());
             running.erase(running.begin() + static_cast<std::ptrdiff_t>(i));
         }
         std::this_thread::sleep_for(5ms);
     }
-    std::printf("slowest run: %s failing, %lld ms\n", slowest_run.c_str(),
-                static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(slowest).count()));
-    return failures;
 }
 
-void expect_sweep_clean(Life life, std::initializer_list<const char *> must_be_called, const std::string &skip = "")
+Counts clean_counts(Life life)
+{
+    std::vector<std::string> failures, reports;
+    sweep(life, {Job{}}, 1, &failures, &reports);
+    EXPECT_TRUE(failures.empty()) << "the clean run: " << (failures.empty() ? "" : failures[0]);
+    Counts counts;
+    std::istringstream in(reports.empty() ? "" : reports[0].substr(3));
+    for (std::string item; in >> item;) {
+        const size_t eq = item.find('=');
+        counts[item.substr(0, eq)] = static_cast<unsigned>(std::stoul(item.substr(eq + 1)));
+    }
+    return counts;
+}
+
+void expect_sweep_clean(Life life, size_t per_child, std::initializer_list<const char *> must_be_called,
+                        const std::string &skip = "")
 {
     const Counts counts = clean_counts(life);
     for (const char *f : must_be_called) EXPECT_GT(counts.count(f) ? counts.at(f) : 0u, 0u) << f << " is never called";
-    unsigned runs = 0;
+    std::vector<Job> jobs;
     std::string calls;
     for (const auto &[function, count] : counts) {
-        runs += function == skip ? 0 : count;
         if (count != 0) calls += " " + function + "=" + std::to_string(count);
+        for (unsigned nth = 1; nth <= count && function != skip; nth++) jobs.push_back(Job{function, nth});
     }
-    std::printf("%u runs; calls of a clean life:%s\n", runs, calls.c_str());
-    const std::vector<std::string> failures = sweep(life, counts, skip);
+    std::printf("%zu runs; calls of a clean life:%s\n", jobs.size(), calls.c_str());
+    std::vector<std::string> failures;
+    sweep(life, jobs, per_child, &failures);
     std::string all;
     for (const std::string &f : failures) all += f + "\n";
-    EXPECT_TRUE(failures.empty()) << failures.size() << " of " << runs << " runs went wrong:\n" << all;
+    EXPECT_TRUE(failures.empty()) << failures.size() << " of " << jobs.size() << " runs went wrong:\n" << all;
 }
 
 TEST(FaultSweep, SdwWholeLife)
 {
-    expect_sweep_clean(sdw_life, {"CreateMutexA", "WaitForSingleObject", "GlobalAlloc", "CreateFileA",
+    expect_sweep_clean(sdw_life, 16, {"CreateMutexA", "WaitForSingleObject", "GlobalAlloc", "CreateFileA",
                                   "DeviceIoControl", "CloseHandle", "GlobalFree"});
 }
 
@@ -298,7 +304,7 @@ TEST(FaultSweep, SdwWholeLife)
 // about 100 s. The sdw life, on one thread, sweeps it.
 TEST(FaultSweep, DisknpWholeLife)
 {
-    expect_sweep_clean(disknp_life, {"CreateMutexA", "CreateWaitableTimerA", "SetWaitableTimer", "_beginthreadex",
+    expect_sweep_clean(disknp_life, 2, {"CreateMutexA", "CreateWaitableTimerA", "SetWaitableTimer", "_beginthreadex",
                                      "WaitForMultipleObjects", "DeviceIoControl", "CloseHandle", "GlobalFree"},
                        "ReleaseMutex");
 }
