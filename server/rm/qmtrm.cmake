@@ -2,9 +2,12 @@
 # platform and cluster libraries itself, so both share one process state (sim storage, ticks,
 # shared memory, configuration store).
 find_package(CLI11 CONFIG QUIET)
+find_package(nlohmann_json REQUIRED)
 # Everything but main() and the version resource, so tests can drive the engine with a fake plug-in.
 add_library(qmtrm_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_common.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_check.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_plugin.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_engine.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_run.cpp
@@ -15,7 +18,8 @@ target_include_directories(qmtrm_core PUBLIC
   ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include
   ${PROJECT_SOURCE_DIR}/server/platform/include
   ${PROJECT_SOURCE_DIR}/server/lib/qmtshm)
-target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm Threads::Threads ${CMAKE_DL_LIBS})
+target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm qmtutil
+  nlohmann_json::nlohmann_json Threads::Threads ${CMAKE_DL_LIBS})
 if(TARGET CLI11::CLI11)
   target_link_libraries(qmtrm_core PUBLIC CLI11::CLI11)
 endif()
