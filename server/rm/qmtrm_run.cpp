@@ -264,9 +264,8 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
     for (const Finding &f : config.findings)
         if (f.severity != Severity::Note)
             reporter.line("", f.text + (f.key.empty() ? "" : " (" + f.key + ")"));
+    // Among them, why a resource watches nothing (no volume on this server) and duplicate names.
     for (const ResourceReport &rsc : config.resources) {
-        if (!rsc.watches)
-            reporter.line(rsc.config.name, "watches nothing");
         for (const Finding &f : rsc.findings)
             if (f.severity != Severity::Note)
                 reporter.line(rsc.config.name, f.text + " (" + f.key + ")");
