@@ -40,7 +40,7 @@ public:
         int size = sizeof v;
         int rc = xmllib_get_value(key.c_str(), XMLLIB_KIND_INT, &v, &size);
         if (rc != 0) {
-            add(missing, key, "unreadable key (xmllib_get_value " + std::to_string(rc) + "): " + consequence);
+            add(missing, key, "unreadable key: " + consequence + " (xmllib_get_value " + std::to_string(rc) + ")");
             return false;
         }
         *value = v;
@@ -55,10 +55,10 @@ public:
         int rc = xmllib_get_value(key.c_str(), XMLLIB_KIND_TEXT, buffer.data(), &size);
         if (rc != 0) {
             add(missing, key,
-                what + " (xmllib_get_value " + std::to_string(rc) +
+                what + ": " + consequence + " (xmllib_get_value " + std::to_string(rc) +
                     (rc == XMLLIB_E_INSUFFICIENT_BUFFER ? ", longer than " + std::to_string(capacity - 1) + " characters"
                                                         : std::string()) +
-                    "): " + consequence);
+                    ")");
             return false;
         }
         value->assign(buffer.data(), strnlen(buffer.data(), static_cast<size_t>(capacity)));
@@ -236,11 +236,10 @@ void read_sdw(ResourceReport &rsc, const std::string &server, bool resolve_now)
     }
     const std::string guid_key = "/root/resource/sd@" + rsc.object + "/server@" + server + "/parameters/volumeguid";
     if (!r.get_text(guid_key, kGuidSize, &rsc.guid, Severity::Warning,
-                    "the resource watches nothing and always answers 0", "no volume on this server")) {
+                    "watches nothing, always answers 0", "no volume on this server")) {
         rsc.watches = false;
     } else if (rsc.guid.empty()) {
-        r.add(Severity::Warning, guid_key, "empty volume GUID: no volume on this server, the resource watches "
-                                           "nothing and always answers 0");
+        r.add(Severity::Warning, guid_key, "no volume on this server: watches nothing, always answers 0 (empty GUID)");
         rsc.watches = false;
     } else if (resolve_now) {
         resolve(&rsc, guid_key);

@@ -263,12 +263,12 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
     reporter.line("", "shared memory " + prefix + " (qmtstat --shm-name " + prefix + ")");
     for (const Finding &f : config.findings)
         if (f.severity != Severity::Note)
-            reporter.line("", f.text + (f.key.empty() ? "" : " (" + f.key + ")"));
+            reporter.line("", f.text + (f.key.empty() ? "" : "; key " + f.key));
     // Among them, why a resource watches nothing (no volume on this server) and duplicate names.
     for (const ResourceReport &rsc : config.resources) {
         for (const Finding &f : rsc.findings)
             if (f.severity != Severity::Note)
-                reporter.line(rsc.config.name, f.text + " (" + f.key + ")");
+                reporter.line(rsc.config.name, f.text + "; key " + f.key);
     }
 
     int exit_code = kExitOk;
