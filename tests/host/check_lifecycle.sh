@@ -7,7 +7,8 @@
 #   twice:    a second run on the same shared-memory name refuses to start (5) while the first lives.
 #   initfail: the policy lacks the monitor type: InitRscDll fails and the plug-in's error lines of
 #             that attempt are shown (5).
-#   default:  without --shm-name the prefix is per user and server, not /qmt.
+#   default:  without --shm-name the prefix is per user and server, not /qmt; the log folder is
+#             made 0750; a name configured twice is reported and polled once.
 #   stat:     qmtstat lists both services' resources with status, check point, overdue flag and
 #             writer, and marks the rows stale once the writer is gone.
 set -u
@@ -102,12 +103,16 @@ initfail)
 default)
   host="n$$x$RANDOM"; shm="qmt-$(id -u)-$host"
   sed -i "s/\"node1\"/\"$host\"/g" "$work/conf/clp.conf"
+  sed -i 's#<sdw name="sdw3">#<sdw name="sdw2"><polling><interval>1</interval><timeout>2</timeout></polling><parameters><object>sd2</object></parameters></sdw>&#' \
+    "$work/conf/clp.conf"
   env -u QMT_SHM_NAME "$qmtrm" run --conf-dir "$work/conf" --sim "$work/conf/sim.txt" --log-dir "$work/log" \
     --host "$host" --duration 1 >"$work/out" 2>&1
   rc=$?
   cat "$work/out"
   [ $rc -eq 0 ] || { echo "FAIL: exit status $rc"; fail=1; }
   check "$work/out" "shared memory /$shm"
+  check "$work/out" "duplicate name sdw2 (resource 2 has it too): only the first is served"
+  [ "$(grep -c 'sdw2 .*start request' "$work/out")" -eq 1 ] || { echo "FAIL: sdw2 started twice"; fail=1; }
   [ "$(stat -c %a "$work/log")" = 750 ] || { echo "FAIL: log folder mode $(stat -c %a "$work/log")"; fail=1; }
   ;;
 stat)
