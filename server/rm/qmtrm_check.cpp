@@ -127,35 +127,27 @@ private:
     bool ok_ = false;
 };
 
-// The disks a GUID resolves to now, the way the disk check asks for them.
+// The disks a GUID resolves to now, as the disk check would find them.
 void resolve(ResourceReport *rsc, const std::string &key)
 {
-    std::string path = "\\\\?\\Volume{" + rsc->guid + "}";
-    HANDLE volume = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                nullptr, OPEN_EXISTING, 0, nullptr);
-    if (volume == INVALID_HANDLE_VALUE) {
-        DWORD err = GetLastError();
+    qmtp::storage::Resolution found = qmtp::storage::resolve_volume(rsc->guid);
+    if (found.error == ERROR_AMBIGUOUS_SYSTEM_DEVICE) {
+        std::string devices;
+        for (const std::string &d : found.devices)
+            devices += (devices.empty() ? "" : ", ") + d;
         rsc->findings.push_back({Severity::Error, key,
-                                 "volume " + rsc->guid + " not found on this server (error " + std::to_string(err) +
-                                     "): every pass fails with status 4"});
+                                 "GUID " + rsc->guid + " found on two devices (" + devices +
+                                     "): it resolves to neither, every pass fails with status 4"});
         return;
     }
-    std::vector<unsigned char> buffer(sizeof(VOLUME_DISK_EXTENTS) + 63 * sizeof(DISK_EXTENT));
-    DWORD returned = 0;
-    if (!DeviceIoControl(volume, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buffer.data(),
-                         static_cast<DWORD>(buffer.size()), &returned, nullptr)) {
-        DWORD err = GetLastError();
+    if (found.error != 0) {
         rsc->findings.push_back({Severity::Error, key,
-                                 "disks of volume " + rsc->guid + " not listed (error " + std::to_string(err) +
-                                     "): every pass fails with status 4"});
-        CloseHandle(volume);
+                                 "volume " + rsc->guid + " not found on this server (error " +
+                                     std::to_string(found.error) + "): every pass fails with status 4"});
         return;
     }
-    CloseHandle(volume);
-    const auto *extents = reinterpret_cast<const VOLUME_DISK_EXTENTS *>(buffer.data());
-    DWORD count = std::min<DWORD>(extents->NumberOfDiskExtents, 64);
-    for (DWORD i = 0; i < count; ++i)
-        rsc->disks.push_back(DiskRef{extents->Extents[i].DiskNumber, {}});
+    for (const qmtp::storage::DiskRef &d : found.disks)
+        rsc->disks.push_back(DiskRef{d.number, d.dev});
     rsc->resolved = true;
 }
 

@@ -71,11 +71,14 @@ std::string joined(const std::vector<std::string> &names)
     return out;
 }
 
-// Probes the storage layer still has in the kernel, as a clause for a leaving message.
+// The disks whose probe is still in the kernel, as a clause for a leaving message.
 std::string kernel_probes()
 {
-    unsigned n = qmtp_storage_probes_in_kernel();
-    return n == 0 ? std::string() : "; " + std::to_string(n) + " probe(s) stuck in the kernel";
+    std::string out;
+    for (const qmtp::storage::DiskRef &d : qmtp::storage::stuck_disks(0))
+        out += (out.empty() ? "; probe stuck in the kernel: disk " : ", disk ") + std::to_string(d.number) +
+               (d.dev.empty() ? std::string() : " (" + d.dev + ")");
+    return out;
 }
 
 [[noreturn]] void leave(int code, const std::string &text)

@@ -1,11 +1,20 @@
 #!/usr/bin/env bash
-# check_config.sh QMTRM - `qmtrm check` on configurations with one fault each: every finding is
-# reported with its key, and the exit status is 0 clean, 1 warnings, 2 errors (text and JSON).
+# check_config.sh QMTRM [linux] - `qmtrm check` on configurations with one fault each: every finding
+# is reported with its key, and the exit status is 0 clean, 1 warnings, 2 errors (text and JSON).
+#   linux: on loop devices of its own making (as root), a GUID on two devices is flagged with both
+#          and a GUID on one device resolves to its /dev name.
 set -u
 qmtrm=$1
+mode=${2:-sim}
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-check-XXXXXX")
-trap 'rm -rf "$work"' EXIT
+loops=()
+cleanup() {
+  for l in "${loops[@]}"; do losetup -d "$l" 2>/dev/null; done
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 1' INT TERM
 export QMT_STORAGE=sim QMT_HOSTNAME=node1 QMT_LOG_DIR="$work/log" QMT_SHM_NAME="qmtcheck$$x$RANDOM"
 fail=0
 long=abcdefghijabcdefghijabcdefghij1  # 31 characters
@@ -37,6 +46,26 @@ conf errors "$(sdw "${long}A" 2 sd1)$(sdw "${long}B" 2 sd1)$(sdw sdw5 2 sd5)" ""
 printf 'volume 0a1b2c3d-0000-4000-8000-000000000001 disks 0 1 2\nvolume 0a1b2c3d-0000-4000-8000-000000000003 disks 4\n' \
   >"$work/sim.txt"
 export QMT_SIM_FILE="$work/sim.txt"
+
+if [ "$mode" = linux ]; then
+  [ "$(id -u)" -eq 0 ] && losetup -f >/dev/null 2>&1 || { echo "SKIP: needs root and loop devices"; exit 0; }
+  twice=$(cat /proc/sys/kernel/random/uuid) once=$(cat /proc/sys/kernel/random/uuid)
+  for i in a b c; do truncate -s 8M "$work/$i.img"; done
+  mkfs.ext4 -q -U "$twice" "$work/a.img" && cp "$work/a.img" "$work/b.img" && mkfs.ext4 -q -U "$once" "$work/c.img" ||
+    { echo "FAIL: mkfs"; exit 1; }
+  for i in a b c; do loops+=("$(losetup -f --show "$work/$i.img")") || { echo "FAIL: losetup"; exit 1; }; done
+  conf linux "$(sdw sdw1 2 sd1)" "" ""
+  sed -i "s/0a1b2c3d-0000-4000-8000-000000000001/$twice/; s/<server name=\"node2\">/<server name=\"node1\">/;
+          s/0a1b2c3d-0000-4000-8000-000000000002/$once/" "$work/linux/clp.conf"
+  sed -i "s#</monitor>#$(sdw sdw2 2 sd2)</monitor>#" "$work/linux/clp.conf"
+  QMT_STORAGE=linux "$qmtrm" check --conf-dir "$work/linux" >"$work/out" 2>&1
+  rc=$?
+  cat "$work/out"
+  [ $rc -eq 2 ] || { echo "FAIL: exit status $rc, expected 2"; fail=1; }
+  grep -qF "GUID $twice found on two devices (${loops[0]}, ${loops[1]})" "$work/out" || { echo "FAIL: not flagged"; fail=1; }
+  grep -qE "disks: [0-9]+ \(${loops[2]}\)" "$work/out" || { echo "FAIL: ${loops[2]} not named"; fail=1; }
+  exit $fail
+fi
 
 # expect STATUS NAME [SERVICE] -- TEXT...: each text appears in the report.
 expect() {
