@@ -178,6 +178,7 @@ void Engine::run_pass(size_t index)
         rsc.known = true;
         rsc.status = status;
         rsc.check_point = check_point;
+        rsc.last_pass_s = took;
         rsc.busy = false;
         rsc.running = false;
         auto interval = std::chrono::seconds(rsc.config.interval_s);
@@ -273,6 +274,15 @@ std::vector<std::string> Engine::busy() const
     for (const Resource &rsc : resources_)
         if (rsc.busy)
             out.push_back(rsc.config.name);
+    return out;
+}
+
+std::vector<Engine::View> Engine::view() const
+{
+    std::lock_guard lock(mutex_);
+    std::vector<View> out;
+    for (const auto &rsc : resources_)
+        out.push_back(View{rsc.config.name, rsc.known, rsc.status, rsc.overdue, rsc.last_pass_s});
     return out;
 }
 

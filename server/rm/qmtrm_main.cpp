@@ -1,5 +1,6 @@
 // qmtrm_main.cpp - the resource monitor's command line.
 #include "qmtrm.h"
+#include "qmtrm_health.h"
 
 #include <CLI/CLI.hpp>
 
@@ -63,6 +64,7 @@ int main(int argc, char **argv)
     run->add_option("--duration", run_duration, "Stop by itself after this many seconds (0: run until a signal)")
         ->check(kFinite & CLI::Range(0.0, 1e9));
     run->add_flag("--verbose", verbose, "Print every pass, not only status changes");
+    qmtrm::add_health_options(run);
 
     bool json = false;
     CLI::App *check = app.add_subcommand("check", "Read the configuration as the plug-in will for this server and "

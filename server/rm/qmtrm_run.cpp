@@ -2,6 +2,7 @@
 // until SIGINT or SIGTERM, then stop them and tear the service down.
 #include "qmtrm_board.h"
 #include "qmtrm_engine.h"
+#include "qmtrm_health.h"
 
 #include "qmtplat.h"
 
@@ -252,6 +253,8 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
         std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
         return finish(kExitInit);
     }
+    Health health(service, resources);
+    SimFollower sim;
     Plugin plugin;
     if (!load_plugin(plugin_path(env.plugin), &plugin, &why)) {
         std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
@@ -305,6 +308,8 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
         while (control->stop_signal == 0) {
             engine.step();
             board->publish(engine, service == Service::Disknp);
+            health.step(engine, reporter);
+            sim.step(reporter);
             std::unique_lock lock(control->mutex);
             control->wake.wait_for(lock, std::chrono::milliseconds(100), [] { return control->stop_signal != 0; });
             if (duration_s > 0 && std::chrono::steady_clock::now() >= until)
@@ -319,6 +324,7 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
             leave(kExitStuck, "passes still running after " + std::to_string(stop_wait_ms) + " ms: " + joined(stuck) +
                                   "; leaving without teardown" + kernel_probes());
         }
+        health.finish(reporter);
         rusage usage{};
         getrusage(RUSAGE_SELF, &usage);
         long cpu_ms = (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000L +

@@ -512,6 +512,11 @@ public:
         return gen_;
     }
 
+    uint64_t generation() {
+        std::lock_guard<std::mutex> lk(m_);
+        return gen_;
+    }
+
     // The disks named since generation `since`; false when some of those events are lost.
     bool since(uint64_t since, std::set<std::string> *out) {
         std::lock_guard<std::mutex> lk(m_);
@@ -651,21 +656,25 @@ struct DiskState {
     ~DiskState() { std::free(buf); }
 
     // The descriptor for a new handle: the kept one while the disk's diskseq holds and no uevent
-    // named it since, else a fresh one (kept in turn). A loop device set to detach at its last
-    // close is never kept open, so that its detach goes ahead.
+    // taken in so far named it, else a fresh one (kept in turn). The uevents are those the
+    // volume's check took in just before, in the same pass; a disk removed without one answers
+    // its probe with an error, which drops the descriptor. A loop device set to detach at its
+    // last close is never kept open, so that its detach goes ahead; one set so while kept is let
+    // go by the volume's check or within a second (watch_kept).
     DWORD open(std::shared_ptr<DiskFd> *out) {
         std::lock_guard<std::mutex> lk(open_m);
         last_open = Clock::now();
         Uevents &ev = uevents();
-        uint64_t gen = ev.ok() ? ev.drain() : 0;
+        uint64_t gen = ev.ok() ? ev.generation() : 0;
         if (fd) {
             std::set<std::string> named;
             uint64_t now = 0;
             bool same = ev.ok() && ev.since(fd_gen, &named) && !named.count(name) &&
-                        ::ioctl(fd->fd, BLKGETDISKSEQ, &now) == 0 && now == seq && !(loop && detach_pending(fd->fd));
+                        ::ioctl(fd->fd, BLKGETDISKSEQ, &now) == 0 && now == seq;
             if (!same) fd.reset();
         }
         if (!fd) {
+            gen = ev.ok() ? ev.drain() : 0;
             if (!exists("/sys/block/" + name)) return ERROR_FILE_NOT_FOUND;
             auto f = std::make_shared<DiskFd>();
             f->fd = ::open(("/dev/" + name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_DIRECT);
