@@ -233,6 +233,8 @@ TEST_F(NpExportsTest, StartingARunningWorkerCreatesNothing)
     init();
     ASSERT_EQ(start("np1"), 0u);
     SDW_RSC *r = rsc("np1");
+    // Counted once the worker has made its own handles and waits for its timer.
+    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 1; }, 3000));
     HANDLE thread = r->thread, mutex = r->mutex, timer = r->timer, term = r->term_event;
     const long handles = qmtp_live_handles();
     EXPECT_EQ(NpMontrStatusChange("disknp", "np1", SDW_CTRL_START_RM), 0u);
@@ -243,7 +245,6 @@ TEST_F(NpExportsTest, StartingARunningWorkerCreatesNothing)
     EXPECT_EQ(r->term_event, term);
     EXPECT_TRUE(logged("4|NpMontrStatusChange|<<< Start[0x110] of np1 >>>"));
     // 0x201 stops like 1.
-    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 1; }, 3000));
     EXPECT_EQ(NpMontrStatusChange("disknp", "np1", SDW_CTRL_STOP_SHUTDOWN), 0u);
     EXPECT_TRUE(logged("4|NpMontrStatusChange|<<< Stop[0x201] of np1[0x1] >>>"));
     EXPECT_EQ(r->thread, nullptr);

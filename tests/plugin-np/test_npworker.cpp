@@ -257,6 +257,16 @@ TEST_F(NpWorkerTest, StatusReportsACycleThatStalled)
     doubles::set_ratio(2);
     SdwStore(r_->result, 0);
     EXPECT_EQ(DoNpMontr("disknp", "np1"), 0u);
+    // A ratio below 1 is kept as read and counts as 1 in the limit.
+    for (int ratio : {0, -3}) {
+        doubles::set_ratio(ratio);
+        qmtp_tick_freeze(t0 + 599999);
+        SdwStore(r_->result, 0);
+        EXPECT_EQ(DoNpMontr("disknp", "np1"), 0u) << ratio;
+        EXPECT_EQ(gsdwTimeoutRatio, ratio);
+        qmtp_tick_freeze(t0 + 600000);
+        EXPECT_EQ(DoNpMontr("disknp", "np1"), 99u) << ratio;
+    }
     qmtp_tick_thaw();
     ASSERT_EQ(stop("np1"), 0u);
 }

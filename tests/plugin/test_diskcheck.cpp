@@ -305,6 +305,31 @@ TEST_F(DiskCheckTest, HungDiskHoldsTheCheckUntilReleased)
     EXPECT_TRUE(done.load());
 }
 
+TEST_F(DiskCheckTest, FailedWaitCancelsAndReapsTheProbeBeforeItsBlockGoes)
+{
+    // The first run finds which wait of the check is the probe's: the last one before it hangs.
+    qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
+    qmtp_fault_clear();
+    std::thread check([&] { EXPECT_EQ(SdwMonitor(&rsc_), 0); });
+    while (qmtp::sim::pending_count(0) == 0) Sleep(1);
+    Sleep(100);
+    const unsigned probe_wait = qmtp_call_count("WaitForSingleObject");
+    qmtp::sim::release(0);
+    check.join();
+
+    qmtp_fault_clear();
+    qmtp_fault_set("WaitForSingleObject", probe_wait, 6);
+    doubles::clear_calls();
+    EXPECT_EQ(SdwMonitor(&rsc_), 100);
+    const std::vector<std::string> failed = lines_with("I/O pending failed.");
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].rfind("2|SdwMonitor|I/O pending failed. (Name=disk-a Hdl=", 0), 0u);
+    EXPECT_TRUE(failed[0].ends_with(" LUN=0 Err=6)"));
+    EXPECT_EQ(qmtp_call_count("CancelIo"), 1u);
+    EXPECT_EQ(qmtp_call_count("GetOverlappedResult"), 1u);
+    qmtp::sim::release(0);
+}
+
 TEST_F(DiskCheckTest, EveryAllocationAndHandleFailingInTurnLeaksNothing)
 {
     std::strcpy(rsc_.volume_guid, "00000000-0000-4000-8000-000000000003");
