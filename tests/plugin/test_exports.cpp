@@ -269,27 +269,29 @@ TEST_F(ExportsTest, UninitRefusesWhileAPassRunsAndCompletesAfterIt)
 TEST_F(ExportsTest, ASecondPassOnABusyRecordAnswersTheLastStatusAndTouchesNothing)
 {
     // Two resources configured under one name share the first one's record.
-    configure({{"dup", 60, "sd1", "00000000-0000-4000-8000-000000000001"},
-               {"dup", 60, "sd1", "00000000-0000-4000-8000-000000000001"}});
+    configure({{"sdw1", 60, "sd1", "00000000-0000-4000-8000-000000000001"},
+               {"sdw1", 60, "sd1", "00000000-0000-4000-8000-000000000001"}});
     init();
-    ASSERT_EQ(DoMontr("sdw", "dup"), 0u);
+    ASSERT_EQ(DoMontr("sdw", "sdw1"), 0u);
     qmtp::sim::set_disk(0, {Behaviour::Refuse, 0, 21});
-    ASSERT_EQ(DoMontr("sdw", "dup"), 5u);
+    ASSERT_EQ(DoMontr("sdw", "sdw1"), 5u);
     qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
-    std::thread pass([] { EXPECT_EQ(DoMontr("sdw", "dup"), 0u); });
+    std::thread pass([] { EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u); });
     while (qmtp::sim::pending_count(0) == 0) Sleep(1);
     SDW_RSC *r = &gsdwlpRsc[0];
     VOLUME_DISK_EXTENTS *extents = r->extents;
     HANDLE *handles = r->device_handles;
-    EXPECT_EQ(DoMontr("sdw", "dup"), 5u);
+    EXPECT_EQ(DoMontr("sdw", "sdw1"), 5u);
     EXPECT_EQ(r->extents, extents);
     EXPECT_EQ(r->device_handles, handles);
     EXPECT_EQ(r->is_do_montr, 1);
     EXPECT_EQ(qmtp::sim::probe_count(0), 3u);
+    qmtp::sim::set_disk(0, {});
     qmtp::sim::release(0);
     pass.join();
     EXPECT_EQ(r->is_do_montr, 0);
-    EXPECT_EQ(DoMontr("sdw", "dup"), 0u) << "the record is free again";
+    EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u) << "the record is free again";
+    EXPECT_EQ(qmtp::sim::probe_count(0), 4u);
 }
 
 TEST_F(ExportsTest, ConcurrentPassesAndControlRequestsOnSeveralResources)
