@@ -403,11 +403,16 @@ std::vector<Id> read_disks(std::vector<std::string> names) {
     std::vector<Id> ids;
     for (size_t next = 0; next < names.size();) {
         int p[2];
-        if (::pipe2(p, O_CLOEXEC) != 0) break;
-        pid_t pid = ::fork();
-        if (pid < 0) {
+        pid_t pid = -1;
+        if (::pipe2(p, O_CLOEXEC) == 0 && (pid = ::fork()) < 0) {
             ::close(p[0]);
             ::close(p[1]);
+        }
+        if (pid < 0) { // no child to be had (a process limit): read here, without the bound
+            std::string text;
+            for (; next < names.size(); ++next) disk_ids(names[next], &text);
+            std::vector<Id> rest = parse_ids(text);
+            ids.insert(ids.end(), rest.begin(), rest.end());
             break;
         }
         if (pid == 0) {
@@ -509,6 +514,11 @@ public:
                 disks_.pop_front();
             }
         }
+        return gen_;
+    }
+
+    uint64_t generation() {
+        std::lock_guard<std::mutex> lk(m_);
         return gen_;
     }
 
@@ -651,21 +661,25 @@ struct DiskState {
     ~DiskState() { std::free(buf); }
 
     // The descriptor for a new handle: the kept one while the disk's diskseq holds and no uevent
-    // named it since, else a fresh one (kept in turn). A loop device set to detach at its last
-    // close is never kept open, so that its detach goes ahead.
+    // taken in so far named it, else a fresh one (kept in turn). The uevents are those the
+    // volume's check took in just before, in the same pass; a disk removed without one answers
+    // its probe with an error, which drops the descriptor. A loop device set to detach at its
+    // last close is never kept open, so that its detach goes ahead; one set so while kept is let
+    // go by the volume's check or within a second (watch_kept).
     DWORD open(std::shared_ptr<DiskFd> *out) {
         std::lock_guard<std::mutex> lk(open_m);
         last_open = Clock::now();
         Uevents &ev = uevents();
-        uint64_t gen = ev.ok() ? ev.drain() : 0;
+        uint64_t gen = ev.ok() ? ev.generation() : 0;
         if (fd) {
             std::set<std::string> named;
             uint64_t now = 0;
             bool same = ev.ok() && ev.since(fd_gen, &named) && !named.count(name) &&
-                        ::ioctl(fd->fd, BLKGETDISKSEQ, &now) == 0 && now == seq && !(loop && detach_pending(fd->fd));
+                        ::ioctl(fd->fd, BLKGETDISKSEQ, &now) == 0 && now == seq;
             if (!same) fd.reset();
         }
         if (!fd) {
+            gen = ev.ok() ? ev.drain() : 0;
             if (!exists("/sys/block/" + name)) return ERROR_FILE_NOT_FOUND;
             auto f = std::make_shared<DiskFd>();
             f->fd = ::open(("/dev/" + name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_DIRECT);
@@ -724,13 +738,12 @@ struct Job {
 // keeps the host from exiting.
 DWORD probe_in_child(DiskState &d, int fd) {
     int p[2];
-    if (::pipe2(p, O_CLOEXEC) != 0) return ERROR_NO_SYSTEM_RESOURCES;
-    pid_t pid = ::fork();
-    if (pid < 0) {
+    pid_t pid = -1;
+    if (::pipe2(p, O_CLOEXEC) == 0 && (pid = ::fork()) < 0) {
         ::close(p[0]);
         ::close(p[1]);
-        return ERROR_NO_SYSTEM_RESOURCES;
     }
+    if (pid < 0) return probe_fd(fd, d.buf, d.sg); // no child to be had: probe here after all
     if (pid == 0) {
         child_setup(p[1], fd);
         int32_t msg[2] = {static_cast<int32_t>(probe_fd(fd, d.buf, d.sg)), d.sg.load()};
