@@ -56,7 +56,7 @@ expect 7 monitor
 expect 6 validate-all OCF_RESKEY_service=nfs
 expect 6 validate-all OCF_RESKEY_conf_dir="$work/none"
 expect 5 validate-all OCF_RESKEY_qmtrm="$work/none"
-# What `qmtrm check` finds an error (a monitor without its disk resource) fails the validation.
+# An error that `qmtrm check` finds (a monitor without its disk resource) fails the validation.
 cp -r "$work/conf" "$work/bad"
 sed -i 's|<object>sd1</object>|<object></object>|' "$work/bad/clp.conf"
 expect 6 validate-all OCF_RESKEY_conf_dir="$work/bad"
