@@ -16,7 +16,7 @@ if(NOT rc EQUAL 0)
   message(FATAL_ERROR "building the fuzz targets failed")
 endif()
 # Seeds: the example documents for the loader, the keys they answer for the resolver.
-file(MAKE_DIRECTORY ${BIN}/corpus_loader ${BIN}/corpus_keypath)
+file(MAKE_DIRECTORY ${BIN}/corpus_loader ${BIN}/corpus_keypath ${BIN}/corpus_shm_reader ${BIN}/corpus_xml_api)
 file(GLOB_RECURSE docs ${SEEDS}/*.conf ${SEEDS}/*.xml)
 file(COPY ${docs} DESTINATION ${BIN}/corpus_loader)
 set(i 0)
@@ -25,7 +25,7 @@ foreach(k "/root/monitor/sdw@a/t" "/root/monitor/sdw@x'y/t" "/root/monitor/sdw@a
   file(WRITE ${BIN}/corpus_keypath/seed${i} "${k}")
   math(EXPR i "${i} + 1")
 endforeach()
-foreach(t keypath loader)
+foreach(t keypath loader shm_reader xml_api)
   execute_process(COMMAND ${BIN}/fuzz_${t} -max_total_time=${SECONDS} -print_final_stats=1
                           -artifact_prefix=${BIN}/crash_${t}_ ${BIN}/corpus_${t}
                   RESULT_VARIABLE rc)

@@ -1,7 +1,11 @@
 // qmtrm_engine.cpp - the polling engine of `qmtrm run` and `qmtrm demo`.
 #include "qmtrm_engine.h"
 
+#include "qmtshm.h"
+#include "qmtshm_admin.h"
+
 #include <cstdio>
+#include <unordered_set>
 
 namespace qmtrm {
 
@@ -33,9 +37,12 @@ Engine::Engine(const Plugin &plugin, Service service, std::vector<ResourceConfig
     : plugin_(plugin), service_(service), reporter_(reporter), base_threads_(threads < 1 ? 1 : threads),
       verbose_(verbose)
 {
+    // Two passes on one name would share the plug-in's record of that name.
+    std::unordered_set<std::string> names;
     for (auto &config : resources)
-        resources_.push_back(Resource{config});
-    if (static_cast<size_t>(base_threads_) > resources_.size() && !resources_.empty())
+        if (names.insert(config.name).second)
+            resources_.push_back(Resource{config});
+    if (static_cast<size_t>(base_threads_) > resources_.size())
         base_threads_ = static_cast<int>(resources_.size());
 }
 
@@ -49,6 +56,8 @@ Engine::~Engine()
     for (auto &thread : threads_)
         if (thread.joinable())
             thread.join();
+    if (published_)
+        shmrm_detach();
 }
 
 DWORD Engine::start()
@@ -65,31 +74,50 @@ DWORD Engine::start()
                                             std::to_string(rsc.config.interval_s) + " s, time-out " +
                                             std::to_string(rsc.config.timeout_s) + " s");
     }
+    // The host's own view (status, check point, overdue) goes beside what the plug-in publishes;
+    // for disknp it is all there is. Monitoring goes on without it.
+    int attached = shmrm_attach();
+    published_ = attached == 0;
+    if (!published_)
+        reporter_.line("", "shmrm_attach() failed. (Ret=" + std::to_string(attached) +
+                               "): the host's view of each resource is not published");
     std::lock_guard lock(mutex_);
     running_ = true;
     Clock::time_point now = Clock::now();
     for (auto &rsc : resources_)
         rsc.next_due = now;
-    for (int i = 0; i < base_threads_; ++i)
-        spawn_worker();
+    for (int i = 0; i < base_threads_; ++i) {
+        threads_.emplace_back([this] { worker_loop(); });
+        ++idle_;
+    }
     return 0;
 }
 
-void Engine::spawn_worker()
+// Called without mutex_: the shared memory's own lock may take a while.
+void Engine::publish(const Published &view) const
 {
-    threads_.emplace_back([this] { worker_loop(); });
+    if (!published_)
+        return;
+    int flags = (view.known ? QMTSHM_HOST_STATUS : 0) | (view.overdue ? QMTSHM_HOST_OVERDUE : 0) |
+                (service_ == Service::Disknp && view.known ? QMTSHM_HOST_CHECKPOINT : 0);
+    shmrm_sethost(service_name(service_), view.name.c_str(), static_cast<int>(view.status), view.check_point, flags);
+}
+
+Engine::Published Engine::view(const Resource &rsc)
+{
+    return Published{rsc.config.name, rsc.status, rsc.check_point, rsc.known, rsc.overdue};
 }
 
 void Engine::step()
 {
     std::vector<std::pair<std::string, std::string>> overdue;  // resource, report
+    std::vector<Published> newly_overdue;
     int ratio = current_ratio();
     {
         std::lock_guard lock(mutex_);
         if (!running_)
             return;
         Clock::time_point now = Clock::now();
-        bool queued = false;
         for (size_t i = 0; i < resources_.size(); ++i) {
             Resource &rsc = resources_[i];
             if (rsc.busy) {
@@ -98,29 +126,33 @@ void Engine::step()
                 auto limit = std::chrono::seconds(static_cast<int64_t>(rsc.config.timeout_s) * ratio);
                 if (!rsc.overdue && now - rsc.started >= limit) {
                     rsc.overdue = true;
-                    ++stuck_;
                     ++overdue_reports_;
+                    newly_overdue.push_back(view(rsc));
                     overdue.emplace_back(rsc.config.name,
                                          "OVERDUE: pass running for " +
                                              seconds(std::chrono::duration<double>(now - rsc.started).count()) +
                                              ", beyond its time-out of " +
                                              std::to_string(static_cast<int64_t>(rsc.config.timeout_s) * ratio) +
                                              " s; not polled again until it returns");
-                    // The stuck thread no longer counts: keep the pool's strength for the others.
-                    if (static_cast<int>(threads_.size()) - stuck_ < base_threads_)
-                        spawn_worker();
                 }
                 continue;
             }
             if (now >= rsc.next_due) {
                 rsc.busy = true;
                 queue_.push_back(i);
-                queued = true;
             }
         }
-        if (queued)
+        // A thread for every pass that is due: a pass that hangs holds only its own thread. There
+        // are never more threads than resources, as a resource has at most one pass at a time.
+        while (idle_ < static_cast<int>(queue_.size()) && threads_.size() < resources_.size()) {
+            threads_.emplace_back([this] { worker_loop(); });
+            ++idle_;
+        }
+        if (!queue_.empty())
             wake_.notify_all();
     }
+    for (const Published &v : newly_overdue)
+        publish(v);
     for (auto &[resource, report] : overdue)
         reporter_.line(resource, report);
 }
@@ -132,6 +164,7 @@ void Engine::worker_loop()
         wake_.wait(lock, [this] { return ending_ || !queue_.empty(); });
         if (queue_.empty())
             return;
+        --idle_;
         size_t index = queue_.front();
         queue_.pop_front();
         resources_[index].running = true;
@@ -139,6 +172,7 @@ void Engine::worker_loop()
         lock.unlock();
         run_pass(index);
         lock.lock();
+        ++idle_;
     }
 }
 
@@ -156,6 +190,7 @@ void Engine::run_pass(size_t index)
     }
     Clock::time_point now = Clock::now();
     std::vector<std::string> lines;
+    Published after;
     {
         std::lock_guard lock(mutex_);
         Resource &rsc = resources_[index];
@@ -163,7 +198,6 @@ void Engine::run_pass(size_t index)
         statuses_.insert(status);
         double took = std::chrono::duration<double>(now - rsc.started).count();
         if (rsc.overdue) {
-            --stuck_;
             rsc.overdue = false;
             lines.push_back("overdue pass returned after " + seconds(took) + ": " + describe(status));
         }
@@ -180,9 +214,14 @@ void Engine::run_pass(size_t index)
         rsc.check_point = check_point;
         rsc.busy = false;
         rsc.running = false;
-        auto interval = std::chrono::seconds(rsc.config.interval_s);
-        rsc.next_due = rsc.started + interval > now ? rsc.started + interval : now;
+        // A fixed rate: the next pass is due one interval after this one was due, so that the
+        // time a pass waited for its turn does not add up from pass to pass.
+        rsc.next_due += std::chrono::seconds(rsc.config.interval_s);
+        if (rsc.next_due < now)
+            rsc.next_due = now;
+        after = view(rsc);
     }
+    publish(after);
     settled_.notify_all();
     for (auto &line : lines)
         reporter_.line(name, line);

@@ -1,5 +1,7 @@
-// qmtrm_engine.h - polling of the configured resources: one pass per resource and interval, run
-// by a small pool of threads, with overdue passes reported and held back.
+// qmtrm_engine.h - polling of the configured resources: one pass per resource and interval, each
+// on a thread of its own as soon as it is due (the pool grows to the passes running, at most one
+// per resource), with overdue passes reported and held back, and the host's view of each resource
+// published in the resource shared memory.
 #pragma once
 
 #include "qmtrm.h"
@@ -15,6 +17,8 @@ class Engine {
 public:
     using Clock = std::chrono::steady_clock;
 
+    // `threads` threads are started at once; more are added whenever a pass is due and none is
+    // idle. A name configured twice is polled once.
     Engine(const Plugin &plugin, Service service, std::vector<ResourceConfig> resources, Reporter &reporter,
            int threads, bool verbose);
     ~Engine();
@@ -52,9 +56,19 @@ private:
         BYTE check_point = 0;
     };
 
+    // What the host publishes of a resource.
+    struct Published {
+        std::string name;
+        DWORD status = 0;
+        BYTE check_point = 0;
+        bool known = false;
+        bool overdue = false;
+    };
+    static Published view(const Resource &rsc);
+
     void worker_loop();
-    void spawn_worker();
     void run_pass(size_t index);
+    void publish(const Published &view) const;
 
     const Plugin &plugin_;
     Service service_;
@@ -68,7 +82,8 @@ private:
     std::condition_variable settled_; // stop(): a pass returned
     std::deque<size_t> queue_;
     std::vector<std::thread> threads_;
-    int stuck_ = 0;
+    int idle_ = 0;  // threads waiting for a pass
+    bool published_ = false;  // attached to the resource shared memory
     bool ending_ = false;
     bool running_ = false;
     uint64_t passes_ = 0;

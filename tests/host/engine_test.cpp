@@ -167,6 +167,18 @@ protected:
         return true;
     }
 
+    // The entries of the resource shared memory by name.
+    static std::map<std::string, QmtShmRmEntry> published()
+    {
+        std::vector<QmtShmRmEntry> v(64);
+        int count = 0;
+        std::map<std::string, QmtShmRmEntry> out;
+        if (shmrm_list(v.data(), static_cast<int>(v.size()), &count) == 0)
+            for (int i = 0; i < count; ++i)
+                out[v[static_cast<size_t>(i)].name] = v[static_cast<size_t>(i)];
+        return out;
+    }
+
     Fake state_;
     qmtrm::Plugin plugin_;
     qmtrm::Reporter reporter_{true};
@@ -209,6 +221,10 @@ TEST_F(EngineTest, OverduePassIsReportedOnceAndNotRepolledWhileOthersGoOn)
     EXPECT_EQ(engine.overdue_reports(), 1u);
     EXPECT_EQ(state_.passes_of("sdw1"), 1);
     EXPECT_EQ(engine.workers(), 2);
+    // Readers of the shared memory see which pass is overdue.
+    std::map<std::string, QmtShmRmEntry> shown = published();
+    EXPECT_EQ(shown["sdw1"].host_flags, QMTSHM_HOST_OVERDUE);
+    EXPECT_EQ(shown["sdw2"].host_flags, QMTSHM_HOST_STATUS);
 
     std::vector<std::string> stuck;
     EXPECT_FALSE(engine.stop(100, &stuck));
@@ -222,6 +238,43 @@ TEST_F(EngineTest, OverduePassIsReportedOnceAndNotRepolledWhileOthersGoOn)
     EXPECT_TRUE(stuck.empty());
     EXPECT_EQ(state_.calls_without_passes().back(), "UninitRscDll(qmtsdw)");
     EXPECT_EQ(engine.overdue_reports(), 1u);
+}
+
+TEST_F(EngineTest, HungPassesHoldUpNoOtherResource)
+{
+    std::vector<qmtrm::ResourceConfig> list;
+    for (int i = 0; i < 16; ++i) {
+        list.push_back({"sdw" + std::to_string(i), 1, 300});
+        if (i % 2 == 0)
+            state_.hung.insert("sdw" + std::to_string(i));
+    }
+    // One thread to begin with, and time-outs far away: nothing is overdue, nothing is replaced.
+    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, list, reporter_, 1, false);
+    ASSERT_EQ(engine.start(), 0u);
+    auto healthy_polled = [&](int n) {
+        for (int i = 1; i < 16; i += 2)
+            if (state_.passes_of("sdw" + std::to_string(i)) < n)
+                return false;
+        return true;
+    };
+    ASSERT_TRUE(step_until(engine, [&] { return healthy_polled(3); }, 8s));
+    EXPECT_EQ(engine.overdue_reports(), 0u);
+    EXPECT_LE(engine.workers(), 16);
+    state_.release_all();
+    std::vector<std::string> stuck;
+    EXPECT_TRUE(engine.stop(2000, &stuck));
+}
+
+TEST_F(EngineTest, ANameConfiguredTwiceIsPolledOnceAtATime)
+{
+    state_.hung.insert("sdw1");
+    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, resources({"sdw1", "sdw1"}, 300), reporter_, 2, false);
+    ASSERT_EQ(engine.start(), 0u);
+    step_until(engine, [] { return false; }, 1500ms);
+    EXPECT_EQ(state_.passes_of("sdw1"), 1);
+    state_.release_all();
+    std::vector<std::string> stuck;
+    EXPECT_TRUE(engine.stop(2000, &stuck));
 }
 
 TEST_F(EngineTest, OverdueLimitIsTheTimeOutTimesTheRatio)
@@ -251,6 +304,11 @@ TEST_F(EngineTest, DisknpPassReadsStatusAndCheckPoint)
     EXPECT_EQ(engine.workers(), 1) << "never more threads than resources";
     ASSERT_TRUE(step_until(engine, [&] { return engine.passes() == 1; }, 5s));
     EXPECT_EQ(engine.control("np1", 0x11), 0u);
+    ASSERT_TRUE(step_until(engine, [&] { return published()["np1"].host_flags != 0; }, 5s));
+    QmtShmRmEntry shown = published()["np1"];
+    EXPECT_EQ(shown.host_flags, QMTSHM_HOST_STATUS | QMTSHM_HOST_CHECKPOINT);
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_EQ(shown.check_point, 1);
     std::vector<std::string> stuck;
     ASSERT_TRUE(engine.stop(1000, &stuck));
     EXPECT_EQ(state_.calls_without_passes(),
