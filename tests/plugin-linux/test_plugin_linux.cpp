@@ -8,8 +8,6 @@ using namespace storage_test;
 
 namespace {
 
-constexpr const char *kUuid = "5b0e8c2a-7d41-4e6f-9a13-c4d2e8f01b37";
-
 class PluginOnLoopDevice : public PluginTest {
 protected:
     void SetUp() override
@@ -18,14 +16,15 @@ protected:
         if (!why.empty()) GTEST_SKIP() << why;
         if (!run("command -v mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 missing";
         ASSERT_STREQ(qmtp_storage_name(), "linux");
+        uuid_ = new_uuid();
         dir_ = temp_dir();
         ASSERT_FALSE(dir_.empty());
         image_ = dir_ + "/disk.img";
         ASSERT_TRUE(run("truncate -s 16M " + image_));
-        ASSERT_TRUE(run(std::string("mkfs.ext4 -q -F -U ") + kUuid + " " + image_));
+        ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid_ + " " + image_));
         ASSERT_TRUE(loop_.attach(image_));
         PluginTest::SetUp();
-        configure({{"sdw1", 60, "sd1", kUuid}});
+        configure({{"sdw1", 60, "sd1", uuid_}});
     }
     void TearDown() override
     {
@@ -34,7 +33,7 @@ protected:
         loop_.detach();
         run("rm -rf " + dir_);
     }
-    std::string dir_, image_;
+    std::string uuid_, dir_, image_;
     Loop loop_;
 };
 
@@ -42,7 +41,7 @@ TEST_F(PluginOnLoopDevice, HealthyDiskThenGoneThenBack)
 {
     init();
     EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u);
-    const std::string lun = "4|Name=sdw1 Volume->\\\\?\\Volume{" + std::string(kUuid) + "} LUN->" +
+    const std::string lun = "4|Name=sdw1 Volume->\\\\?\\Volume{" + uuid_ + "} LUN->" +
                             std::to_string(loop_.number);
     EXPECT_TRUE(logged(lun)) << "the loop device is the volume's one disk";
     EXPECT_EQ(doubles::progress("sdw", "sdw1"), (std::vector<int>{3, 4}));

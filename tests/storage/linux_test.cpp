@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -30,7 +31,6 @@ namespace {
 
 constexpr DWORD kBound = 10000; // ms
 constexpr off_t kImageSize = 16 << 20;
-constexpr const char *kUuid = "3a7d1c52-9e4b-4f0a-8c61-2b5e0d9f4a17";
 
 class LinuxStorage : public ::testing::Test {
 protected:
@@ -55,16 +55,17 @@ protected:
 
 TEST_F(LinuxStorage, Ext4VolumeResolvesToItsLoopDiskAndProbesHealthy) {
     if (!run("command -v mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 missing";
+    const std::string uuid = new_uuid();
     std::string img = dir_ + "/ext4.img";
     ASSERT_TRUE(run("truncate -s 16M " + img));
-    ASSERT_TRUE(run(std::string("mkfs.ext4 -q -F -U ") + kUuid + " " + img));
+    ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid + " " + img));
     Loop loop;
     ASSERT_TRUE(loop.attach(img));
 
     // The GUID text matches in either case.
-    std::string upper = kUuid;
+    std::string upper = uuid;
     for (auto &c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    for (const std::string &guid : {std::string(kUuid), upper}) {
+    for (const std::string &guid : {uuid, upper}) {
         HANDLE vol = open_volume(guid);
         ASSERT_NE(vol, INVALID_HANDLE_VALUE) << GetLastError();
         std::vector<BYTE> buf(80);
@@ -99,9 +100,44 @@ TEST_F(LinuxStorage, Ext4VolumeResolvesToItsLoopDiskAndProbesHealthy) {
     EXPECT_TRUE(CloseHandle(ev));
 }
 
+// Two devices with one UUID (a copied image): the volume resolves to neither, and the query
+// names both; once one is gone the other is the volume.
+TEST_F(LinuxStorage, OneUuidOnTwoDevicesIsAmbiguousUntilOneGoes) {
+    if (!run("command -v mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 missing";
+    const std::string uuid = new_uuid();
+    ASSERT_TRUE(run("truncate -s 16M " + dir_ + "/a.img"));
+    ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid + " " + dir_ + "/a.img"));
+    ASSERT_TRUE(run("cp " + dir_ + "/a.img " + dir_ + "/b.img"));
+    Loop a, b;
+    ASSERT_TRUE(a.attach(dir_ + "/a.img"));
+    ASSERT_TRUE(b.attach(dir_ + "/b.img"));
+
+    SetLastError(0);
+    EXPECT_EQ(open_volume(uuid), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_AMBIGUOUS_SYSTEM_DEVICE));
+    qmtp::storage::Resolution r = qmtp::storage::resolve_volume("{" + uuid + "}");
+    EXPECT_EQ(r.error, static_cast<DWORD>(ERROR_AMBIGUOUS_SYSTEM_DEVICE));
+    std::sort(r.devices.begin(), r.devices.end());
+    std::vector<std::string> both{a.dev, b.dev};
+    std::sort(both.begin(), both.end());
+    EXPECT_EQ(r.devices, both);
+    EXPECT_TRUE(r.disks.empty());
+
+    a.detach();
+    r = qmtp::storage::resolve_volume(uuid);
+    EXPECT_EQ(r.error, 0u);
+    EXPECT_EQ(r.devices, std::vector<std::string>{b.dev});
+    ASSERT_EQ(r.disks.size(), 1u);
+    EXPECT_EQ(r.disks[0].number, b.number);
+    EXPECT_EQ(r.disks[0].dev, b.dev);
+    HANDLE vol = open_volume(uuid);
+    EXPECT_NE(vol, INVALID_HANDLE_VALUE) << GetLastError();
+    if (vol != INVALID_HANDLE_VALUE) CloseHandle(vol);
+}
+
 TEST_F(LinuxStorage, UnknownVolumeAndDiskAreNotFound) {
     SetLastError(0);
-    EXPECT_EQ(open_volume("00000000-0000-4000-8000-00000000dead"), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(open_volume(new_uuid()), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
     SetLastError(0);
     EXPECT_EQ(open_disk(1999), INVALID_HANDLE_VALUE); // loop999

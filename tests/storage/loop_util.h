@@ -4,11 +4,15 @@
 
 #include "qmtwin.h"
 
+#include <dirent.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 
 namespace storage_test {
@@ -52,10 +56,63 @@ struct Loop {
     ~Loop() { detach(); }
 };
 
+// A filesystem UUID of this run's own making, so that no other device on the node carries it.
+inline std::string new_uuid() {
+    std::ifstream f("/proc/sys/kernel/random/uuid");
+    std::string s;
+    std::getline(f, s);
+    return s;
+}
+
+inline std::string temp_root() {
+    const char *t = std::getenv("TMPDIR");
+    return t && *t ? t : "/tmp";
+}
+
+// Removes what an earlier run killed before its own clean-up (a time-out) left behind: loop
+// devices over files in scratch folders whose owning process is gone, FUSE mounts in them, and
+// the folders.
+inline void sweep_dead_runs() {
+    const std::string prefix = temp_root() + "/qmt-stor-";
+    auto dead_folder = [&prefix](const std::string &path) -> std::string {
+        if (path.rfind(prefix, 0) != 0) return {};
+        std::string dir = path.substr(0, path.find('/', prefix.size()));
+        long pid = 0;
+        std::ifstream(dir + "/owner") >> pid;
+        if (pid > 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM)) return {};
+        return dir;
+    };
+    if (DIR *d = ::opendir("/sys/block")) {
+        while (dirent *e = ::readdir(d)) {
+            std::string name = e->d_name;
+            if (name.rfind("loop", 0) != 0) continue;
+            std::string backing;
+            std::getline(std::ifstream("/sys/block/" + name + "/loop/backing_file"), backing);
+            if (!dead_folder(backing).empty()) run("losetup -d /dev/" + name);
+        }
+        ::closedir(d);
+    }
+    std::ifstream mounts("/proc/mounts");
+    for (std::string src, mnt, rest; mounts >> src >> mnt && std::getline(mounts, rest);) {
+        if (!dead_folder(mnt).empty()) run("umount -l " + mnt);
+    }
+    if (DIR *d = ::opendir(temp_root().c_str())) {
+        while (dirent *e = ::readdir(d)) {
+            std::string dir = dead_folder(temp_root() + "/" + e->d_name + "/");
+            if (!dir.empty()) run("rm -rf " + dir);
+        }
+        ::closedir(d);
+    }
+}
+
+// A scratch folder named after nothing fixed, holding the pid of its owner for sweep_dead_runs.
 inline std::string temp_dir() {
-    char tmpl[] = "/tmp/qmt-stor-XXXXXX";
-    const char *d = ::mkdtemp(tmpl);
-    return d ? d : "";
+    sweep_dead_runs();
+    std::string tmpl = temp_root() + "/qmt-stor-XXXXXX";
+    const char *d = ::mkdtemp(tmpl.data());
+    if (!d) return "";
+    std::ofstream(std::string(d) + "/owner") << ::getpid() << "\n";
+    return d;
 }
 
 } // namespace storage_test

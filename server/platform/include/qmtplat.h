@@ -102,6 +102,28 @@ QMTWIN_API unsigned pending_count(DWORD disk);
 
 } // namespace qmtp::sim
 
+namespace qmtp::storage {
+
+/* A whole disk: its number (\\.\PHYSICALDRIVEn) and, with the linux backend, its node ("/dev/loop3"). */
+struct DiskRef {
+    DWORD number = 0;
+    std::string dev;
+};
+
+/* What a volume GUID resolves to now, as CreateFileA and the extents request would see it. */
+struct Resolution {
+    DWORD error = 0;                  /* 0, or the error opening the volume gives now: 2 not on this
+                                         server, 15250 (ERROR_AMBIGUOUS_SYSTEM_DEVICE) on two devices */
+    std::vector<std::string> devices; /* the devices carrying the GUID ("/dev/sdb1"); two or more with 15250 */
+    std::vector<DiskRef> disks;       /* its whole disks in extent order (only when error is 0) */
+};
+QMTWIN_API Resolution resolve_volume(const std::string &guid);
+
+/* The disks that have had one probe in the kernel for at least `ms` milliseconds now. */
+QMTWIN_API std::vector<DiskRef> stuck_disks(DWORD ms);
+
+} // namespace qmtp::storage
+
 #endif /* __cplusplus */
 
 #endif /* QMTPLAT_H */

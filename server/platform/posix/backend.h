@@ -6,6 +6,7 @@
 // two, so an OVERLAPPED is written only while its caller still owns the request.
 #pragma once
 
+#include "qmtplat.h"
 #include "qmtwin.h"
 
 #include <condition_variable>
@@ -91,6 +92,13 @@ public:
     // `guid` is the text between the braces of the volume path, as given.
     virtual DWORD open_volume(const std::string &guid, std::unique_ptr<Volume> *out) = 0;
     virtual DWORD open_disk(DWORD number, std::unique_ptr<Disk> *out) = 0;
+    // What `guid` resolves to now. The default opens the volume and reads its extents.
+    virtual storage::Resolution resolve(const std::string &guid);
+    // The disks with a probe in the kernel for at least `ms` milliseconds.
+    virtual std::vector<storage::DiskRef> stuck(DWORD ms) {
+        (void)ms;
+        return {};
+    }
 };
 
 // The backend named by QMT_STORAGE, chosen at first use.

@@ -343,6 +343,16 @@ bool Request::device_done() {
     return device_done_;
 }
 
+storage::Resolution Backend::resolve(const std::string &guid) {
+    storage::Resolution r;
+    std::unique_ptr<Volume> vol;
+    std::vector<DISK_EXTENT> list;
+    r.error = open_volume(guid, &vol);
+    if (!r.error) r.error = vol->extents(&list);
+    for (const DISK_EXTENT &e : list) r.disks.push_back({e.DiskNumber, {}});
+    return r;
+}
+
 Backend &backend() {
     static std::unique_ptr<Backend> chosen = [] {
         const char *env = std::getenv("QMT_STORAGE");
@@ -363,6 +373,20 @@ using namespace qmtp;
 extern "C" {
 
 const char *qmtp_storage_name(void) { return backend().name(); }
+
+} // extern "C"
+
+storage::Resolution storage::resolve_volume(const std::string &text) {
+    std::string_view g(text);
+    if (g.size() >= 2 && g.front() == '{' && g.back() == '}') g = g.substr(1, g.size() - 2);
+    std::string guid;
+    if (DWORD err = parse_volume("Volume{" + std::string(g) + "}", &guid)) return Resolution{err, {}, {}};
+    return backend().resolve(guid);
+}
+
+std::vector<storage::DiskRef> storage::stuck_disks(DWORD ms) { return backend().stuck(ms); }
+
+extern "C" {
 
 HANDLE WINAPI CreateFileA(LPCSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES sa, DWORD disposition,
                           DWORD flags, HANDLE template_file) {

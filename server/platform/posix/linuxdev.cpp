@@ -254,17 +254,20 @@ std::map<int, std::string> partition_uuids(int fd) {
     return out;
 }
 
-// The block device name (as in /sys/class/block) holding the volume, or empty. Devices that
-// another device holds (members of dm or md) give way to their holder.
-std::string find_volume(const std::string &guid) {
+// The block devices (names as in /sys/class/block) carrying the volume. Devices that another
+// device holds (members of dm or md) give way to their holder; more than one left is ambiguous.
+std::vector<std::string> find_volume(const std::string &guid) {
     const std::string key = uuid_key(guid);
     std::vector<std::string> found;
+    auto add = [&found](const std::string &dev) {
+        if (std::find(found.begin(), found.end(), dev) == found.end()) found.push_back(dev);
+    };
     // udev's links cost no I/O.
     for (const char *dir : {"/dev/disk/by-uuid/", "/dev/disk/by-partuuid/"}) {
         for (const std::string &e : list_dir(dir)) {
             if (lower(e) == key) {
                 std::string dev = base_name(real_path(std::string(dir) + e));
-                if (!dev.empty() && exists(kSysBlock + dev)) found.push_back(dev);
+                if (!dev.empty() && exists(kSysBlock + dev)) add(dev);
             }
         }
     }
@@ -272,10 +275,10 @@ std::string find_volume(const std::string &guid) {
         for (const std::string &disk : list_dir("/sys/block/")) {
             if (sectors(kSysBlock, disk, "size") == 0) continue;
             std::string dm = read_line(kSysBlock + disk + "/dm/uuid");
-            if (!dm.empty() && lower(dm) == key) found.push_back(disk);
+            if (!dm.empty() && lower(dm) == key) add(disk);
             int fd = ::open(("/dev/" + disk).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
             if (fd < 0) continue;
-            if (lower(superblock_uuid(fd, 0, 0)) == key) found.push_back(disk);
+            if (lower(superblock_uuid(fd, 0, 0)) == key) add(disk);
             std::map<int, std::string> parts = partition_uuids(fd);
             for (const std::string &child : list_dir(kSysBlock + disk)) {
                 std::string pn = read_line(kSysBlock + disk + "/" + child + "/partition");
@@ -284,15 +287,16 @@ std::string find_volume(const std::string &guid) {
                 uint64_t start = sectors(kSysBlock, child, "start") * 512, size = sectors(kSysBlock, child, "size") * 512;
                 if ((it != parts.end() && lower(it->second) == key) ||
                     (size && lower(superblock_uuid(fd, start, size)) == key))
-                    found.push_back(child);
+                    add(child);
             }
             ::close(fd);
         }
     }
+    std::vector<std::string> top;
     for (const std::string &dev : found) {
-        if (list_dir(kSysBlock + dev + "/holders").empty()) return dev;
+        if (list_dir(kSysBlock + dev + "/holders").empty()) top.push_back(dev);
     }
-    return found.empty() ? std::string() : found.front();
+    return top.empty() ? found : top;
 }
 
 // ---- Probes ------------------------------------------------------------------------------------
@@ -502,10 +506,24 @@ class LinuxBackend final : public Backend {
 public:
     const char *name() const override { return "linux"; }
     DWORD open_volume(const std::string &guid, std::unique_ptr<Volume> *out) override {
-        std::string dev = find_volume(guid);
-        if (dev.empty()) return ERROR_FILE_NOT_FOUND;
-        *out = std::make_unique<LinuxVolume>(dev);
+        std::vector<std::string> devs = find_volume(guid);
+        if (devs.empty()) return ERROR_FILE_NOT_FOUND;
+        if (devs.size() > 1) return ERROR_AMBIGUOUS_SYSTEM_DEVICE;
+        *out = std::make_unique<LinuxVolume>(devs.front());
         return 0;
+    }
+    storage::Resolution resolve(const std::string &guid) override {
+        storage::Resolution r;
+        std::vector<std::string> devs = find_volume(guid);
+        for (const std::string &d : devs) r.devices.push_back("/dev/" + d);
+        if (devs.size() != 1) {
+            r.error = devs.empty() ? ERROR_FILE_NOT_FOUND : ERROR_AMBIGUOUS_SYSTEM_DEVICE;
+            return r;
+        }
+        std::vector<DISK_EXTENT> list;
+        r.error = linuxdev::collect_extents(kSysBlock, devs.front(), &list);
+        for (const DISK_EXTENT &e : list) r.disks.push_back({e.DiskNumber, "/dev/" + disk_name(e.DiskNumber)});
+        return r;
     }
     DWORD open_disk(DWORD number, std::unique_ptr<Disk> *out) override {
         std::string name = disk_name(number);
