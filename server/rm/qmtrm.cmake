@@ -8,6 +8,7 @@ add_library(qmtrm_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_plugin.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_engine.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_run.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_health.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_demo.cpp)
 target_include_directories(qmtrm_core PUBLIC
@@ -15,7 +16,7 @@ target_include_directories(qmtrm_core PUBLIC
   ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include
   ${PROJECT_SOURCE_DIR}/server/platform/include
   ${PROJECT_SOURCE_DIR}/server/lib/qmtshm)
-target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm Threads::Threads ${CMAKE_DL_LIBS})
+target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm qmtutil Threads::Threads ${CMAKE_DL_LIBS})
 if(TARGET CLI11::CLI11)
   target_link_libraries(qmtrm_core PUBLIC CLI11::CLI11)
 endif()

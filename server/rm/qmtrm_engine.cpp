@@ -212,6 +212,7 @@ void Engine::run_pass(size_t index)
         rsc.known = true;
         rsc.status = status;
         rsc.check_point = check_point;
+        rsc.last_pass_s = took;
         rsc.busy = false;
         rsc.running = false;
         // A fixed rate: the next pass is due one interval after this one was due, so that the
@@ -293,6 +294,19 @@ std::set<DWORD> Engine::statuses_seen() const
 {
     std::lock_guard lock(mutex_);
     return statuses_;
+}
+
+} // namespace qmtrm
+
+namespace qmtrm {
+
+std::vector<Engine::View> Engine::view() const
+{
+    std::lock_guard lock(mutex_);
+    std::vector<View> out;
+    for (const auto &rsc : resources_)
+        out.push_back(View{rsc.config.name, rsc.known, rsc.status, rsc.overdue, rsc.last_pass_s});
+    return out;
 }
 
 } // namespace qmtrm

@@ -43,6 +43,16 @@ public:
     uint64_t overdue_reports() const;
     std::set<DWORD> statuses_seen() const;
 
+    // Where each resource stands now, in configuration order (the node health reads it).
+    struct View {
+        std::string name;
+        bool known = false;    // a pass has returned since the start
+        DWORD status = 0;      // the last pass's status
+        bool overdue = false;  // the running pass is beyond its time-out
+        double last_pass_s = 0;
+    };
+    std::vector<View> view() const;
+
 private:
     struct Resource {
         ResourceConfig config;
@@ -54,6 +64,7 @@ private:
         bool known = false;
         DWORD status = 0;
         BYTE check_point = 0;
+        double last_pass_s = 0;
     };
 
     // What the host publishes of a resource.

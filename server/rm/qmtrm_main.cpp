@@ -1,5 +1,6 @@
 // qmtrm_main.cpp - the resource monitor's command line.
 #include "qmtrm.h"
+#include "qmtrm_health.h"
 
 #include <CLI/CLI.hpp>
 
@@ -50,6 +51,7 @@ int main(int argc, char **argv)
     run->add_option("--duration", run_duration, "Stop by itself after this many seconds (0: run until a signal)")
         ->check(CLI::Range(0.0, 1e9));
     run->add_flag("--verbose", verbose, "Print every pass, not only status changes");
+    qmtrm::add_health_options(run);
 
     std::string script_file;
     CLI::App *script = app.add_subcommand("script", "Run export calls from a script file, one call a line "

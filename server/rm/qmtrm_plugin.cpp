@@ -26,6 +26,11 @@ std::string plugin_path(const std::string &option)
     self[n] = '\0';
     std::string dir(self);
     dir.erase(dir.find_last_of('/') + 1);
+#ifdef QMTRM_INSTALLED_PLUGIN
+    // Installed (packaging/install.cmake), the plug-in is in the programs' private library folder.
+    if (std::string installed = dir + QMTRM_INSTALLED_PLUGIN; access(installed.c_str(), F_OK) == 0)
+        return installed;
+#endif
     return dir + "../lib/libqmtsdw.so";
 }
 

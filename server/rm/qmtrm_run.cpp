@@ -1,6 +1,7 @@
 // qmtrm_run.cpp - `qmtrm run`: initialise one service, start and poll every configured resource
 // until SIGINT or SIGTERM, then stop them and tear the service down.
 #include "qmtrm_engine.h"
+#include "qmtrm_health.h"
 
 #include <signal.h>
 #include <sys/resource.h>
@@ -32,6 +33,8 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
         std::fprintf(stderr, "qmtrm: cannot read the configuration: %s\n", why.c_str());
         return kExitInit;
     }
+    Health health(service, resources);
+    SimFollower sim;
     Plugin plugin;
     if (!load_plugin(plugin_path(env.plugin), &plugin, &why)) {
         std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
@@ -55,6 +58,8 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
         int signal_number = 0;
         for (;;) {
             engine.step();
+            health.step(engine, reporter);
+            sim.step(reporter);
             timespec tick{0, 100 * 1000 * 1000};
             int got = sigtimedwait(&stop_signals, nullptr, &tick);
             if (got > 0) {
@@ -77,6 +82,7 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
             // Tearing down or unloading under a running pass would pull the record from under it.
             _exit(kExitStuck);
         }
+        health.finish(reporter);
         rusage usage{};
         getrusage(RUSAGE_SELF, &usage);
         long cpu_ms = (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000L +

@@ -112,36 +112,46 @@ BOOL DeviceFile::check_verify(LPDWORD returned, LPOVERLAPPED ov) {
     if (returned) *returned = 0;
     if (!overlapped_ || !ov) return probe_sync(returned, ov);
 
-    std::lock_guard<std::mutex> lk(m_);
-    if (closed_) return fail(ERROR_INVALID_HANDLE);
-    // Completed requests nobody reaped are dropped here; a pending one must not be reissued.
-    for (auto it = requests_.begin(); it != requests_.end();) {
-        if (it->second->pending()) {
-            ++it;
-        } else {
-            it = requests_.erase(it);
+    std::shared_ptr<Request> req;
+    {
+        std::lock_guard<std::mutex> lk(m_);
+        if (closed_) return fail(ERROR_INVALID_HANDLE);
+        // Completed requests nobody reaped are dropped here; a pending one must not be reissued.
+        for (auto it = requests_.begin(); it != requests_.end();) {
+            if (it->second->pending()) {
+                ++it;
+            } else {
+                it = requests_.erase(it);
+            }
         }
+        if (requests_.count(ov)) return fail(ERROR_INVALID_PARAMETER);
+        ov->Internal = kStatusPending;
+        ov->InternalHigh = 0;
+        if (ov->hEvent) ResetEvent(ov->hEvent);
+        req = std::make_shared<Request>(ov, ov->hEvent);
+        requests_.emplace(ov, req);
     }
-    if (requests_.count(ov)) return fail(ERROR_INVALID_PARAMETER);
-
-    ov->Internal = kStatusPending;
-    ov->InternalHigh = 0;
-    if (ov->hEvent) ResetEvent(ov->hEvent);
-    auto req = std::make_shared<Request>(ov, ov->hEvent);
+    // Outside the lock: a backend may probe on this thread, and CancelIo or CloseHandle from
+    // another thread must not wait for it.
     ProbeStart st = disk_->probe(req);
-    switch (st.kind) {
-    case ProbeStart::Done:
-        finish_now(ov, st.error, 0);
-        if (st.error) return fail(st.error);
-        return TRUE;
-    case ProbeStart::Refused:
+    if (st.kind == ProbeStart::Pending) return fail(ERROR_IO_PENDING);
+    {
+        std::lock_guard<std::mutex> lk(m_);
+        auto it = requests_.find(ov);
+        if (it != requests_.end() && it->second == req) requests_.erase(it);
+    }
+    if (st.kind == ProbeStart::Refused) {
+        req->detach();
         ov->Internal = status_from_error(st.error);
         return fail(st.error);
-    case ProbeStart::Pending:
-        break;
     }
-    requests_.emplace(ov, std::move(req));
-    return fail(ERROR_IO_PENDING);
+    // Done at once: the request completes as any other, so a handle closed meanwhile leaves
+    // the caller's OVERLAPPED alone.
+    req->complete(st.error);
+    DWORD err = 0, bytes = 0;
+    req->outcome(&err, &bytes);
+    if (err) return fail(err);
+    return TRUE;
 }
 
 // A handle opened without FILE_FLAG_OVERLAPPED, or no OVERLAPPED: the call blocks until the
@@ -151,17 +161,12 @@ BOOL DeviceFile::probe_sync(LPDWORD returned, LPOVERLAPPED ov) {
     {
         std::lock_guard<std::mutex> lk(m_);
         if (closed_) return fail(ERROR_INVALID_HANDLE);
-        ProbeStart st = disk_->probe(req);
-        if (st.kind != ProbeStart::Pending) {
-            finish_now(ov, st.error, 0);
-            if (st.error) return fail(st.error);
-            return TRUE;
-        }
         sync_.push_back(req);
     }
-    req->wait(INFINITE);
-    DWORD err = 0, bytes = 0;
-    req->outcome(&err, &bytes);
+    ProbeStart st = disk_->probe(req);
+    if (st.kind == ProbeStart::Pending) req->wait(INFINITE);
+    DWORD err = st.error, bytes = 0;
+    if (st.kind == ProbeStart::Pending) req->outcome(&err, &bytes);
     {
         std::lock_guard<std::mutex> lk(m_);
         std::erase(sync_, req);

@@ -1,0 +1,325 @@
+// qmtrm_health.cpp - the node's disk health: a colour from the resources' statuses, published
+// through Pacemaker's attrd_updater and an operator's hook when it changes.
+#include "qmtrm_health.h"
+
+#include "qmtplat.h"
+#include "qmtutil.h"
+#include "qmtxml.h"
+
+#include <CLI/CLI.hpp>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+
+extern char **environ;
+
+namespace qmtrm {
+
+namespace {
+
+struct Options {
+    std::string attribute;
+    std::string on_change;
+};
+Options options;
+
+// A command that has not ended by then is killed: attrd_updater answers in well under a second
+// when the cluster runs, and a hook must not hold the next colour back for long.
+constexpr auto kCommandLimit = std::chrono::seconds(20);
+
+std::string text_value(const std::string &key, int capacity)
+{
+    std::vector<char> buffer(static_cast<size_t>(capacity) + 1, '\0');
+    int size = capacity;
+    if (xmllib_get_value(key.c_str(), XMLLIB_KIND_TEXT, buffer.data(), &size) != 0)
+        return {};
+    return std::string(buffer.data(), strnlen(buffer.data(), static_cast<size_t>(capacity)));
+}
+
+bool int_value(const std::string &key, int *value)
+{
+    int32_t v = 0;
+    int size = sizeof v;
+    if (xmllib_get_value(key.c_str(), XMLLIB_KIND_INT, &v, &size) != 0)
+        return false;
+    *value = v;
+    return true;
+}
+
+// Changes when the file is replaced or written.
+std::string file_stamp(const std::string &path)
+{
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0)
+        return {};
+    return std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" + std::to_string(st.st_mtim.tv_sec) +
+           "." + std::to_string(st.st_mtim.tv_nsec);
+}
+
+std::string describe(const Engine::View &v)
+{
+    std::string text = status_text(v.status);
+    return v.name + ": status " + std::to_string(v.status) + (text.empty() ? "" : " (" + text + ")");
+}
+
+} // namespace
+
+const char *colour_name(Colour colour)
+{
+    switch (colour) {
+    case Colour::Green:
+        return "green";
+    case Colour::Yellow:
+        return "yellow";
+    case Colour::Red:
+        return "red";
+    default:
+        return "none";
+    }
+}
+
+Colour node_colour(const std::vector<Engine::View> &view, const std::vector<HealthResource> &resources,
+                   std::string *why)
+{
+    std::vector<std::string> red, yellow, idle;
+    size_t watched = 0, known = 0;
+    for (size_t i = 0; i < view.size() && i < resources.size(); ++i) {
+        const Engine::View &v = view[i];
+        if (!resources[i].watching) {
+            idle.push_back(v.name);
+            continue;
+        }
+        ++watched;
+        if (v.overdue)
+            red.push_back(v.name + ": pass overdue");
+        else if (v.known && v.status != 0)
+            red.push_back(describe(v));
+        else if (v.known && resources[i].delay_s > 0 && v.last_pass_s >= resources[i].delay_s)
+            yellow.push_back(v.name + ": pass delayed");
+        known += v.known ? 1 : 0;
+    }
+    auto join = [](const std::vector<std::string> &parts) {
+        std::string out;
+        for (const auto &p : parts)
+            out += (out.empty() ? "" : "; ") + p;
+        return out;
+    };
+    std::string nothing = idle.empty() ? "" : "; watching nothing: " + join(idle);
+    if (!red.empty()) {
+        *why = join(red) + nothing;
+        return Colour::Red;
+    }
+    if (watched == 0) {
+        *why = view.empty() ? "no resource configured"
+                            : "no resource watches a disk on this server (" + join(idle) + ")";
+        return Colour::Yellow;
+    }
+    if (known < watched) {
+        why->clear();
+        return Colour::None;
+    }
+    if (!yellow.empty()) {
+        *why = join(yellow) + nothing;
+        return Colour::Yellow;
+    }
+    *why = "all " + std::to_string(watched) + " watched resource(s) normal" + nothing;
+    return Colour::Green;
+}
+
+void add_health_options(CLI::App *run)
+{
+    run->add_option("--health-attribute", options.attribute,
+                    "Node attribute that gets the health colour (red, yellow, green) through attrd_updater "
+                    "at every change, e.g. '#health-qmtsdw'; removed at a clean stop");
+    run->add_option("--on-change", options.on_change,
+                    "Shell command run at every change of the health colour, with QMT_HEALTH, "
+                    "QMT_HEALTH_PREVIOUS and QMT_HEALTH_REASON in its environment");
+}
+
+Health::Health(Service service, const std::vector<ResourceConfig> &resources)
+{
+    // Without a command to run the colour is still printed, so the configuration is read always.
+    resources_.resize(resources.size());
+    for (const auto &r : resources)
+        names_.push_back(r.name);
+    if (xmllib_init("rm") != 0)
+        return;
+    if (xmllib_load_config(1) == 0) {
+        char host[256] = {};
+        if (cs_gethostname(host, sizeof host - 1, 0, nullptr) != 0)
+            host[0] = '\0';
+        int delay_ratio = 80;
+        if (service == Service::Sdw && (!int_value("/root/cluster/delaywarn/monitor", &delay_ratio) ||
+                                        static_cast<unsigned>(delay_ratio) > 100))
+            delay_ratio = 80;
+        for (size_t i = 0; i < resources.size(); ++i) {
+            const std::string &name = resources[i].name;
+            if (service == Service::Sdw) {
+                std::string object = text_value("/root/monitor/sdw@" + name + "/parameters/object", 32);
+                resources_[i].watching =
+                    !object.empty() &&
+                    !text_value("/root/resource/sd@" + object + "/server@" + host + "/parameters/volumeguid", 63)
+                         .empty();
+                // The plug-in reports a probe as delayed from this share of the scaled time-out.
+                resources_[i].delay_s = delay_ratio / 100.0 * resources[i].timeout_s;
+            } else {
+                int device = 0;
+                resources_[i].watching =
+                    int_value("/root/networkpartition/disknp@" + name + "/device", &device) &&
+                    !text_value("/root/server@" + std::string(host) + "/device@" + std::to_string(device) + "/info",
+                                63)
+                         .empty();
+            }
+        }
+    }
+    xmllib_unload_config();
+    xmllib_term();
+}
+
+Health::~Health()
+{
+    if (child_ > 0) {
+        kill(child_, SIGKILL);
+        waitpid(child_, nullptr, 0);
+    }
+}
+
+void Health::step(const Engine &engine, Reporter &reporter)
+{
+    reap(reporter, false);
+    std::vector<HealthResource> scaled = resources_;
+    int ratio = current_ratio();
+    for (auto &r : scaled)
+        r.delay_s *= ratio;
+    std::string why;
+    Colour colour = node_colour(engine.view(), scaled, &why);
+    if (colour != Colour::None && (colour != colour_ || why != why_)) {
+        bool changed = colour != colour_;
+        reporter.line("", std::string("health ") + colour_name(colour) + ": " + why);
+        if (changed) {
+            // A newer colour supersedes the commands of an older one that have not started yet.
+            queue_.clear();
+            if (!options.attribute.empty())
+                queue_.push_back({{"attrd_updater", "-n", options.attribute, "-U", colour_name(colour)}, {}});
+            if (!options.on_change.empty())
+                queue_.push_back({{"/bin/sh", "-c", options.on_change},
+                                  {std::string("QMT_HEALTH=") + colour_name(colour),
+                                   std::string("QMT_HEALTH_PREVIOUS=") + colour_name(colour_),
+                                   "QMT_HEALTH_REASON=" + why}});
+        }
+        colour_ = colour;
+        why_ = why;
+    }
+    spawn_next(reporter);
+}
+
+void Health::finish(Reporter &reporter)
+{
+    queue_.clear();
+    reap(reporter, true);
+    if (options.attribute.empty())
+        return;
+    queue_.push_back({{"attrd_updater", "-n", options.attribute, "-D"}, {}});
+    spawn_next(reporter);
+    reap(reporter, true);
+}
+
+void Health::spawn_next(Reporter &reporter)
+{
+    if (child_ > 0 || queue_.empty())
+        return;
+    Command cmd = std::move(queue_.front());
+    queue_.pop_front();
+    std::vector<char *> argv;
+    for (auto &a : cmd.argv)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::vector<std::string> env_store;
+    for (char **e = environ; *e != nullptr; ++e)
+        env_store.emplace_back(*e);
+    env_store.insert(env_store.end(), cmd.env.begin(), cmd.env.end());
+    std::vector<char *> envp;
+    for (auto &e : env_store)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+    // The run blocks its stop signals in every thread; the command must get the default mask.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
+    pid_t pid = -1;
+    int rc = posix_spawnp(&pid, argv[0], nullptr, &attr, argv.data(), envp.data());
+    posix_spawnattr_destroy(&attr);
+    child_what_ = cmd.argv[0] == "/bin/sh" ? "--on-change command" : cmd.argv[0];
+    if (rc != 0) {
+        reporter.line("", "health: cannot run " + child_what_ + ": " + std::strerror(rc));
+        return;
+    }
+    child_ = pid;
+    child_started_ = std::chrono::steady_clock::now();
+}
+
+void Health::reap(Reporter &reporter, bool block)
+{
+    while (child_ > 0) {
+        int status = 0;
+        pid_t got = waitpid(child_, &status, WNOHANG);
+        if (got == child_) {
+            child_ = -1;
+            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+                reporter.line("", "health: " + child_what_ + " failed (" +
+                                      (WIFEXITED(status) ? "exit status " + std::to_string(WEXITSTATUS(status))
+                                                         : "signal " + std::to_string(WTERMSIG(status))) +
+                                      ")");
+            if (block)
+                spawn_next(reporter);
+            continue;
+        }
+        if (std::chrono::steady_clock::now() - child_started_ >= kCommandLimit) {
+            reporter.line("", "health: " + child_what_ + " still running after " +
+                                  std::to_string(kCommandLimit.count()) + " s; killed");
+            kill(child_, SIGKILL);
+            waitpid(child_, nullptr, 0);
+            child_ = -1;
+            continue;
+        }
+        if (!block)
+            return;
+        usleep(20 * 1000);
+    }
+}
+
+SimFollower::SimFollower()
+{
+    const char *file = std::getenv("QMT_SIM_FILE");
+    if (file == nullptr || *file == '\0' || std::strcmp(qmtp_storage_name(), "sim") != 0)
+        return;
+    path_ = file;
+    stamp_ = file_stamp(path_);
+}
+
+void SimFollower::step(Reporter &reporter)
+{
+    auto now = std::chrono::steady_clock::now();
+    if (path_.empty() || now < next_)
+        return;
+    next_ = now + std::chrono::milliseconds(500);
+    std::string stamp = file_stamp(path_);
+    if (stamp.empty() || stamp == stamp_)
+        return;
+    stamp_ = stamp;
+    std::string why;
+    if (qmtp::sim::load_file(path_, &why))
+        reporter.line("", "sim: " + path_ + " changed; simulated disks reloaded");
+    else
+        reporter.line("", "sim: " + path_ + " changed but not reloaded: " + why);
+}
+
+} // namespace qmtrm
