@@ -103,7 +103,7 @@ void Engine::publish(const Published &view) const
     shmrm_sethost(service_name(service_), view.name.c_str(), static_cast<int>(view.status), view.check_point, flags);
 }
 
-Engine::Published Engine::view(const Resource &rsc)
+Engine::Published Engine::published_view(const Resource &rsc)
 {
     return Published{rsc.config.name, rsc.status, rsc.check_point, rsc.known, rsc.overdue};
 }
@@ -127,7 +127,7 @@ void Engine::step()
                 if (!rsc.overdue && now - rsc.started >= limit) {
                     rsc.overdue = true;
                     ++overdue_reports_;
-                    newly_overdue.push_back(view(rsc));
+                    newly_overdue.push_back(published_view(rsc));
                     overdue.emplace_back(rsc.config.name,
                                          "OVERDUE: pass running for " +
                                              seconds(std::chrono::duration<double>(now - rsc.started).count()) +
@@ -220,7 +220,7 @@ void Engine::run_pass(size_t index)
         rsc.next_due += std::chrono::seconds(rsc.config.interval_s);
         if (rsc.next_due < now)
             rsc.next_due = now;
-        after = view(rsc);
+        after = published_view(rsc);
     }
     publish(after);
     settled_.notify_all();

@@ -75,7 +75,7 @@ private:
         bool known = false;
         bool overdue = false;
     };
-    static Published view(const Resource &rsc);
+    static Published published_view(const Resource &rsc);
 
     void worker_loop();
     void run_pass(size_t index);
