@@ -16,7 +16,7 @@ if(NOT rc EQUAL 0)
   message(FATAL_ERROR "building the fuzz targets failed")
 endif()
 # Seeds: the example documents for the loader, the keys they answer for the resolver.
-file(MAKE_DIRECTORY ${BIN}/corpus_loader ${BIN}/corpus_keypath ${BIN}/corpus_shm_reader ${BIN}/corpus_xml_api)
+file(MAKE_DIRECTORY ${BIN}/corpus_loader ${BIN}/corpus_keypath)
 file(GLOB_RECURSE docs ${SEEDS}/*.conf ${SEEDS}/*.xml)
 file(COPY ${docs} DESTINATION ${BIN}/corpus_loader)
 set(i 0)
@@ -25,7 +25,13 @@ foreach(k "/root/monitor/sdw@a/t" "/root/monitor/sdw@x'y/t" "/root/monitor/sdw@a
   file(WRITE ${BIN}/corpus_keypath/seed${i} "${k}")
   math(EXPR i "${i} + 1")
 endforeach()
-foreach(t keypath loader shm_reader xml_api)
+# The description parser starts from a description that uses every statement.
+file(MAKE_DIRECTORY ${BIN}/corpus_sim ${BIN}/corpus_xml_api ${BIN}/corpus_shm_reader)
+file(WRITE ${BIN}/corpus_sim/seed0 "# disks\nvolume {6F1C2D3E-0000-4000-8000-000000000001} disks 0 1 2\n"
+     "volume 6f1c2d3e-0000-4000-8000-000000000002 extents-error 1\nvolume 6f1c2d3e-0000-4000-8000-000000000002 remove\n"
+     "disk 0 ok\ndisk 1 delay 1500\ndisk 2 refuse 21\ndisk 3 fail 1117 after 200\ndisk 4 hang\n"
+     "disk 5 openfail 2\nrelease 4 31\nreset\r\n")
+foreach(t keypath loader xml_api sim shm_reader)
   execute_process(COMMAND ${BIN}/fuzz_${t} -max_total_time=${SECONDS} -print_final_stats=1
                           -artifact_prefix=${BIN}/crash_${t}_ ${BIN}/corpus_${t}
                   RESULT_VARIABLE rc)

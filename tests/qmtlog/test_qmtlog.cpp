@@ -1,11 +1,13 @@
 // The log library through its exports: level filter and settings per module, the empty handle,
-// the exact line, rotation, writers in several threads and processes, the stderr fallback,
-// events and the string table.
+// the exact line, rotation, writers in several threads and processes, the stderr fallback, what
+// another local user can do to the log, events and the string table.
 
 #include "qmtlog.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +19,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <future>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -348,6 +351,132 @@ TEST_F(Log, UnwritableDirectorySendsLinesToStderrWithoutFailing) {
     EXPECT_EQ(err.substr(err.size() - tail.size()), tail);
     EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
     EXPECT_NE(err.find(" ERR "), std::string::npos);
+}
+
+// ---- what another local user can do ----
+
+// The lock holder (lock_holder.cpp) in a process of its own, as root or as nobody; killed on
+// every exit path.
+class Holder {
+public:
+    Holder(const std::string &lock, bool as_nobody) {
+        int out[2];
+        if (pipe(out) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(out[1], STDOUT_FILENO);
+            close(out[0]);
+            close(out[1]);
+            if (as_nobody)
+                execl("/usr/bin/setpriv", "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", LOCK_HOLDER,
+                      lock.c_str(), static_cast<char *>(nullptr));
+            else
+                execl(LOCK_HOLDER, LOCK_HOLDER, lock.c_str(), static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        close(out[1]);
+        out_ = out[0];
+    }
+    ~Holder() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        if (out_ >= 0) close(out_);
+    }
+    // "held" or "refused"; "" when it said nothing within 10 s.
+    std::string answer() {
+        std::string text;
+        pollfd p{out_, POLLIN, 0};
+        char c;
+        while (out_ >= 0 && poll(&p, 1, 10000) == 1 && read(out_, &c, 1) == 1 && c != '\n') text += c;
+        return text;
+    }
+
+private:
+    pid_t pid_ = -1;
+    int out_ = -1;
+};
+
+// Runs a shell command as nobody; true when it succeeded.
+bool as_nobody(const std::string &command) {
+    std::string line = "/usr/bin/setpriv --reuid=65534 --regid=65534 --clear-groups /bin/sh -c '" + command + "'";
+    return std::system(line.c_str()) == 0;
+}
+
+mode_t mode_of(const std::string &path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+TEST_F(Log, FoldersAndFilesAreCreatedClosedToOthers) {
+    mode_t old = umask(0);
+    setenv("QMT_LOG_DIR", (dir_ + "/a/b").c_str(), 1);
+    HANDLE h = open(module());
+    EXPECT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 1, "Fn", "%s", "x"), 0);
+    umask(old);
+    EXPECT_EQ(mode_of(dir_ + "/a"), 0750u);
+    EXPECT_EQ(mode_of(dir_ + "/a/b"), 0750u);
+    EXPECT_EQ(mode_of(dir_ + "/a/b/" + module() + ".log"), 0640u);
+    EXPECT_EQ(mode_of(dir_ + "/a/b/" + module() + ".log.lock"), 0600u);
+}
+
+// Another user who gets to a folder name first (in a shared folder such as /tmp) must not
+// receive our lines nor steer them into a file of ours.
+TEST_F(Log, AFolderPlantedByAnotherUserIsNotUsed) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+    ASSERT_EQ(chmod(dir_.c_str(), 01777), 0);
+    std::string victim = dir_ + "/victim", own = dir_ + "/own";
+    std::ofstream(victim) << "precious\n";
+    ASSERT_EQ(mkdir(own.c_str(), 0750), 0);
+    const struct {
+        const char *what;
+        std::string plant;  // run as nobody; makes dir_/<folder>
+        std::string folder;
+    } cases[] = {
+        {"their folder with a symlink to our file",
+         "mkdir -m 777 " + dir_ + "/theirs && ln -s " + victim + " " + dir_ + "/theirs/" + module() + ".log",
+         "theirs"},
+        {"their symlink to a folder of ours", "ln -s " + own + " " + dir_ + "/link", "link"},
+    };
+    for (const auto &c : cases) {
+        ASSERT_TRUE(as_nobody(c.plant)) << c.what;
+        setenv("QMT_LOG_DIR", (dir_ + "/" + c.folder).c_str(), 1);
+        HANDLE h = open(module());
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 1, "Fn", "%s", "our line"), 0);
+        std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_NE(err.find("our line"), std::string::npos) << c.what;
+        EXPECT_EQ(read(victim), (Lines{"precious"})) << c.what;
+        EXPECT_TRUE(fs::is_empty(own)) << c.what;
+    }
+}
+
+TEST_F(Log, OnlyWhoCanWriteTheLogCanTakeItsLock) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+    ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+    setenv("QMT_LOG_DIR", (dir_ + "/logs").c_str(), 1);
+    HANDLE h = open(module());
+    ASSERT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 1, "Fn", "%s", "first"), 0);
+    Holder nobody(dir_ + "/logs/" + module() + ".log.lock", true);
+    EXPECT_EQ(nobody.answer(), "refused");
+}
+
+TEST_F(Log, AWriterWaitsForAHeldLockOnlyForABoundedTime) {
+    HANDLE h = open(module());
+    ASSERT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 1, "Fn", "%s", "before"), 0);
+    auto holder = std::make_unique<Holder>(path(module(), ".lock"), false);
+    ASSERT_EQ(holder->answer(), "held");
+    auto writes = std::async(std::launch::async, [h] {
+        QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 2, "Fn", "%s", "while held");
+        QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 3, "Fn", "%s", "still held");
+    });
+    // Generous: one wait of about a second, then no wait for the line after it.
+    bool bounded = writes.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    holder.reset();  // lets a writer that does wait for ever go, so the test can end
+    writes.wait();
+    EXPECT_TRUE(bounded) << "a writer waited for the lock for ever";
+    EXPECT_EQ(texts_of(module()), (Lines{"before", "while held", "still held"}));
 }
 
 // ---- events ----

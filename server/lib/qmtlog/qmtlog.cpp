@@ -2,21 +2,23 @@
 // process of the node that logs for that module.
 //
 // Level and size are kept per module name. A line is formatted only when its level passes the
-// module's level, then written with one O_APPEND write while holding an flock on
+// module's level, then written with one O_APPEND write while holding a lock on
 // "<module>.log.lock", so writers in several processes never split or lose lines and exactly
-// one of them rotates. Nothing here ever fails the caller: when the log file cannot be written
-// the line goes to standard error instead.
+// one of them rotates. The folder and files are opened so that no other local user can redirect
+// or stop the writing (see open_log_dir, open_own_file, take_lock). Nothing here ever fails the
+// caller: when the log file cannot be written the line goes to standard error instead.
 
 #include "qmtlog.h"
 #include "qmtlog_internal.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +29,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 
 namespace qmtlog {
 namespace {
@@ -46,15 +49,17 @@ struct Module {
     bool size_set = false;
     bool opened_before = false;
     int opens = 0;
-    std::string mutex_name;  // the named mutex the caller asked for; flock stands in for it
+    std::string mutex_name;  // the named mutex the caller asked for; the lock file stands in for it
     std::string ident;       // syslog ident; openlog keeps the pointer
 
     // Output state, under `io`.
     std::mutex io;
     std::string dir;
+    int dir_fd = -1;
     int log_fd = -1;
     int lock_fd = -1;
-    pid_t fd_pid = 0;  // descriptors inherited over fork share the parent's flock: reopen
+    pid_t fd_pid = 0;
+    bool lock_stuck = false;  // the last wait for the lock timed out
 };
 
 struct Table {
@@ -94,26 +99,81 @@ std::string file_stem(const std::string &name) {
     return s;
 }
 
-bool make_dirs(const std::string &path) {
-    if (path.empty()) return false;
-    std::string part;
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        pos = path.find('/', pos + 1);
-        part = path.substr(0, pos);
-        if (part.empty()) continue;
-        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
+constexpr mode_t kDirMode = 0750;
+constexpr mode_t kLogMode = 0640;
+constexpr mode_t kLockMode = 0600;  // nobody else may even open it, so nobody else can hold it
+constexpr auto kLockWait = std::chrono::milliseconds(1000);
+
+// A folder is trusted when it belongs to us (or to root) and nobody else can change its entries.
+bool owner_ok(const struct stat &st) { return st.st_uid == geteuid() || st.st_uid == 0; }
+bool closed_to_others(const struct stat &st) { return (st.st_mode & (S_IWGRP | S_IWOTH)) == 0; }
+
+// Opens the log folder, creating what is missing with kDirMode, one component at a time from
+// the root (or the working folder): a component found in a folder that others can write to is
+// never followed through a symlink and must belong to us or root, so no other user can steer
+// the walk. The folder itself must belong to us and be closed to others. -1 when it is not.
+int open_log_dir(const std::string &path) {
+    if (path.empty()) return -1;
+    int fd = ::open(path[0] == '/' ? "/" : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    if (fd < 0 || fstat(fd, &st) != 0 || !owner_ok(st)) {
+        if (fd >= 0) ::close(fd);
+        return -1;
+    }
+    size_t pos = 0;
+    while (pos < path.size()) {
+        size_t end = path.find('/', pos);
+        if (end == std::string::npos) end = path.size();
+        std::string part = path.substr(pos, end - pos);
+        pos = end + 1;
+        if (part.empty() || part == ".") continue;
+        int follow = closed_to_others(st) ? 0 : O_NOFOLLOW;
+        int next = ::openat(fd, part.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow);
+        if (next < 0 && errno == ENOENT && (mkdirat(fd, part.c_str(), kDirMode) == 0 || errno == EEXIST))
+            next = ::openat(fd, part.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+        ::close(fd);
+        fd = next;
+        if (fd < 0 || fstat(fd, &st) != 0 || !owner_ok(st)) {
+            if (fd >= 0) ::close(fd);
+            return -1;
+        }
+    }
+    if (st.st_uid != geteuid() || !closed_to_others(st)) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
+// The folder for a module's log, or "" for standard error. No fixed name in a shared folder:
+// another user could create it first.
 std::string log_dir() {
     const char *env = std::getenv("QMT_LOG_DIR");
     if (env && *env) return env;
-    if (make_dirs("/var/log/qmt") && access("/var/log/qmt", W_OK | X_OK) == 0) return "/var/log/qmt";
-    const char *tmp = std::getenv("TMPDIR");
-    return std::string(tmp && *tmp ? tmp : "/tmp") + "/qmt-log";
+    const char *runtime = std::getenv("XDG_RUNTIME_DIR");
+    for (std::string dir : {std::string("/var/log/qmt"), runtime && *runtime ? runtime + std::string("/qmt-log") : ""}) {
+        int fd = open_log_dir(dir);
+        if (fd < 0) continue;
+        bool writable = faccessat(fd, ".", W_OK, AT_EACCESS) == 0;
+        ::close(fd);
+        if (writable) return dir;
+    }
+    return std::string();
+}
+
+// Opens (creating with `mode`) a file of the log folder: never through a symlink, never a file
+// that is not a regular one of ours with a single name. A file from an older release with a
+// wider mode is narrowed.
+int open_own_file(int dir_fd, const std::string &name, int flags, mode_t mode) {
+    int fd = ::openat(dir_fd, name.c_str(), flags | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode);
+    struct stat st;
+    if (fd < 0) return -1;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1) {
+        ::close(fd);
+        return -1;
+    }
+    if ((st.st_mode & 0777 & ~mode) != 0) (void)fchmod(fd, st.st_mode & mode);
+    return fd;
 }
 
 bool write_all(int fd, const char *data, size_t len) {
@@ -132,57 +192,87 @@ bool write_all(int fd, const char *data, size_t len) {
 void to_stderr(const std::string &line) { (void)write_all(STDERR_FILENO, line.data(), line.size()); }
 
 void close_fds(Module &m) {
-    if (m.log_fd >= 0) ::close(m.log_fd);
-    if (m.lock_fd >= 0) ::close(m.lock_fd);
-    m.log_fd = m.lock_fd = -1;
+    for (int *fd : {&m.log_fd, &m.lock_fd, &m.dir_fd}) {
+        if (*fd >= 0) ::close(*fd);
+        *fd = -1;
+    }
 }
 
-// Renames module.log -> .1 -> .2 -> .3; the oldest falls off. Runs under the flock.
-void rotate(const std::string &path) {
+// The cross-process lock: an open-file-description write lock on "<module>.log.lock", which
+// only a descriptor opened for writing can take (and the file's mode lets only us open it).
+// Waits at most kLockWait; after a wait that timed out, the module's next lines only try once
+// until the lock is had again, so a holder that never lets go costs one wait, not one per line.
+bool take_lock(Module &m) {
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    const auto deadline = std::chrono::steady_clock::now() + (m.lock_stuck ? std::chrono::milliseconds(0) : kLockWait);
+    auto pause = std::chrono::microseconds(100);
+    for (;;) {
+        if (fcntl(m.lock_fd, F_OFD_SETLK, &fl) == 0) {
+            m.lock_stuck = false;
+            return true;
+        }
+        if (errno != EAGAIN && errno != EACCES && errno != EINTR) return false;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            m.lock_stuck = true;
+            return false;
+        }
+        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, std::chrono::microseconds(5000));
+    }
+}
+
+void release_lock(Module &m) {
+    struct flock fl {};
+    fl.l_type = F_UNLCK;
+    fl.l_whence = SEEK_SET;
+    (void)fcntl(m.lock_fd, F_OFD_SETLK, &fl);
+}
+
+// Renames module.log -> .1 -> .2 -> .3; the oldest falls off. Runs under the lock.
+void rotate(int dir_fd, const std::string &name) {
     for (int i = kOldFiles; i >= 1; --i) {
-        std::string from = i == 1 ? path : path + "." + std::to_string(i - 1);
-        std::string to = path + "." + std::to_string(i);
-        (void)::rename(from.c_str(), to.c_str());
+        std::string from = i == 1 ? name : name + "." + std::to_string(i - 1);
+        std::string to = name + "." + std::to_string(i);
+        (void)::renameat(dir_fd, from.c_str(), dir_fd, to.c_str());
     }
 }
 
 // Appends one line to the module's file, rotating first when the line would take the file past
-// its size. Returns false when the file cannot be written; the caller then uses stderr.
+// its size. Returns false when the file cannot be written; the caller then uses stderr. A line
+// written without the lock (its wait timed out) is still one O_APPEND write, so it stays whole;
+// only the rotation needs the lock.
 bool append(Module &m, const std::string &line) {
     pid_t pid = getpid();
     if (m.fd_pid != pid) {
+        // Descriptors inherited over fork share the parent's lock: reopen.
         close_fds(m);
         m.fd_pid = pid;
     }
-    if (m.dir.empty()) m.dir = log_dir();
-    std::string path = m.dir + "/" + file_stem(m.name) + ".log";
-    if (m.lock_fd < 0) {
-        std::string lock_path = path + ".lock";
-        m.lock_fd = ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-        if (m.lock_fd < 0 && make_dirs(m.dir))
-            m.lock_fd = ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-        if (m.lock_fd < 0) return false;
-    }
-    while (flock(m.lock_fd, LOCK_EX) != 0)
-        if (errno != EINTR) return false;
+    if (m.dir_fd < 0 && (m.dir_fd = open_log_dir(m.dir)) < 0) return false;
+    const std::string name = file_stem(m.name) + ".log";
+    if (m.lock_fd < 0 && (m.lock_fd = open_own_file(m.dir_fd, name + ".lock", O_RDWR, kLockMode)) < 0) return false;
+    const bool locked = take_lock(m);
 
     bool ok = false;
-    struct stat by_path, by_fd;
+    struct stat by_name, by_fd;
     // Another process may have rotated the file away from under our descriptor.
-    if (m.log_fd >= 0 && (stat(path.c_str(), &by_path) != 0 || fstat(m.log_fd, &by_fd) != 0 ||
-                          by_path.st_ino != by_fd.st_ino || by_path.st_dev != by_fd.st_dev)) {
+    if (m.log_fd >= 0 && (fstatat(m.dir_fd, name.c_str(), &by_name, AT_SYMLINK_NOFOLLOW) != 0 ||
+                          fstat(m.log_fd, &by_fd) != 0 || by_name.st_ino != by_fd.st_ino ||
+                          by_name.st_dev != by_fd.st_dev)) {
         ::close(m.log_fd);
         m.log_fd = -1;
     }
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (m.log_fd < 0) {
-            m.log_fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+            m.log_fd = open_own_file(m.dir_fd, name, O_WRONLY | O_APPEND, kLogMode);
             if (m.log_fd < 0 || fstat(m.log_fd, &by_fd) != 0) break;
         }
         long long limit = m.size.load(std::memory_order_relaxed);
-        if (attempt == 0 && limit > 0 && by_fd.st_size > 0 &&
+        if (locked && attempt == 0 && limit > 0 && by_fd.st_size > 0 &&
             by_fd.st_size + static_cast<long long>(line.size()) > limit) {
-            rotate(path);
+            rotate(m.dir_fd, name);
             ::close(m.log_fd);
             m.log_fd = -1;
             continue;
@@ -190,7 +280,7 @@ bool append(Module &m, const std::string &line) {
         ok = write_all(m.log_fd, line.data(), line.size());
         break;
     }
-    (void)flock(m.lock_fd, LOCK_UN);
+    if (locked) release_lock(m);
     return ok;
 }
 
