@@ -143,7 +143,7 @@ std::vector<std::string> log_lines_upto(int max_level) {
     std::vector<std::string> out;
     for (const Call &c : s.calls)
         if (c.function == "QmtLogWrite" && c.level <= max_level)
-            out.push_back(std::to_string(c.level) + "|" + c.text);
+            out.push_back(std::to_string(c.level) + "|" + c.log_function + "|" + c.text);
     return out;
 }
 

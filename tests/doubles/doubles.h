@@ -36,7 +36,8 @@ void reset();
 
 // Every call recorded since reset(), in order.
 const std::vector<Call> &calls();
-// Only the QmtLogWrite calls, as "LEVEL|text" (e.g. "1|shmcm_attach() failed. (Ret=5)").
+// Only the QmtLogWrite calls, as "LEVEL|FUNCTION|text", the function being the one the line is
+// written under (e.g. "1|InitRscDll|shmcm_attach() failed. (Ret=5)").
 std::vector<std::string> log_lines();
 // Only the QmtLogWrite calls with level <= max_level (what a real log at that level would keep).
 std::vector<std::string> log_lines_upto(int max_level);

@@ -33,9 +33,9 @@ TEST_F(Doubles, LogWriteRecordsFormattedTextAndArguments) {
     EXPECT_EQ(QmtLogWrite(nullptr, 8, 0, "f.cpp", 7, "Fn", "%s", long_text.c_str()), 0);
     EXPECT_EQ(QmtLogWrite(log, QMTLOG_EVENT, 0x80000E43u, "f.cpp", 9, "SdwMonitor", "%s%d%d%d", "disk1", 60, 48001, 80), 0);
 
-    EXPECT_EQ(doubles::log_lines(), (Lines{"1|shmcm_attach() failed. (Ret=5)", "8|" + long_text,
-                                          "32768|disk1604800180"}));
-    EXPECT_EQ(doubles::log_lines_upto(4), (Lines{"1|shmcm_attach() failed. (Ret=5)"}));
+    EXPECT_EQ(doubles::log_lines(), (Lines{"1|InitRscDll|shmcm_attach() failed. (Ret=5)", "8|Fn|" + long_text,
+                                          "32768|SdwMonitor|disk1604800180"}));
+    EXPECT_EQ(doubles::log_lines_upto(4), (Lines{"1|InitRscDll|shmcm_attach() failed. (Ret=5)"}));
     const auto &c = doubles::calls();
     ASSERT_EQ(c.size(), 4u);
     EXPECT_EQ(c[1].file, "src\\sdw.cpp");

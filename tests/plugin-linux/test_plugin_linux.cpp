@@ -41,7 +41,7 @@ TEST_F(PluginOnLoopDevice, HealthyDiskThenGoneThenBack)
 {
     init();
     EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u);
-    const std::string lun = "4|Name=sdw1 Volume->\\\\?\\Volume{" + uuid_ + "} LUN->" +
+    const std::string lun = "4|SdwGetLUN|Name=sdw1 Volume->\\\\?\\Volume{" + uuid_ + "} LUN->" +
                             std::to_string(loop_.number);
     EXPECT_TRUE(logged(lun)) << "the loop device is the volume's one disk";
     EXPECT_EQ(doubles::progress("sdw", "sdw1"), (std::vector<int>{3, 4}));
@@ -49,14 +49,14 @@ TEST_F(PluginOnLoopDevice, HealthyDiskThenGoneThenBack)
     loop_.detach();
     doubles::clear_calls();
     EXPECT_EQ(DoMontr("sdw", "sdw1"), 4u);
-    EXPECT_TRUE(logged("1|SdwGetLUN() failed. (Name=sdw1 Ret=1)"));
+    EXPECT_TRUE(logged("1|SdwMonitor|SdwGetLUN() failed. (Name=sdw1 Ret=1)"));
     EXPECT_TRUE(events().empty()) << "a volume that is not resolved writes no failure event";
 
     ASSERT_TRUE(loop_.attach(image_));
     doubles::clear_calls();
     EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u);
     EXPECT_EQ(events(), std::vector<std::string>{"0x40000e45|sdw1"});
-    EXPECT_TRUE(logged("4|Changed normary. (Name=sdw1 LastStatus=4)"));
+    EXPECT_TRUE(logged("4|SdwMonitor|Changed normary. (Name=sdw1 LastStatus=4)"));
     uninit();
 }
 

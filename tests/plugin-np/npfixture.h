@@ -31,7 +31,7 @@ struct NpResource {
 void configure(const std::vector<NpResource> &resources, int delay_ratio = 80);
 std::string key_of(const std::string &name, const std::string &item);
 
-// True when `line` ("LEVEL|text") was written to the log double.
+// True when `line` ("LEVEL|FUNCTION|text") was written to the log double.
 bool logged(const std::string &line);
 // The lines (all levels) that contain `needle`, in order.
 std::vector<std::string> lines_with(const std::string &needle);

@@ -53,6 +53,33 @@ TEST_F(NpConcurrentTest, ConcurrentCyclesOnEightResourcesLeaveNothingBehind)
     EXPECT_EQ(UninitNpRscDll("qmtsdw", 0, 0), 0u);
 }
 
+TEST_F(NpConcurrentTest, StatusAndCheckPointOfAWorkerStartedAndStoppedMeanwhile)
+{
+    qmtp::sim::set_volume(vol(1), {1});
+    qmtp::sim::set_disk(1, {});
+    configure({{"np1", 5, 1, 0, 1, vol(1)}});
+    init();
+    std::atomic<bool> done{false};
+    std::atomic<int> odd{0};
+    std::thread reader([&] {
+        while (!done) {
+            const DWORD status = DoNpMontr("disknp", "np1");
+            if (status != 0 && status != SDW_ERR_SYSTEM) odd++;
+            if (GetCheckPoint("np1") > SDW_CP_EVALUATING) odd++;
+        }
+    });
+    int failed = 0;
+    for (int i = 0; i < 50; i++) {
+        failed += start("np1") != 0;
+        failed += stop("np1") != 0;
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(odd.load(), 0);
+    EXPECT_EQ(rsc("np1")->thread, nullptr);
+}
+
 TEST_F(NpConcurrentTest, TeardownStopsConcurrentlyPolledWorkers)
 {
     std::vector<NpResource> resources;

@@ -65,9 +65,9 @@ TEST_F(NpConfigTest, OutOfRangeValuesGetTheirDefaultsWithWarnings)
     EXPECT_EQ(gsdwlpRsc[0].retry, 0);
     EXPECT_EQ(gsdwlpRsc[1].retry, 0);
     EXPECT_EQ(doubles::log_lines_upto(2), (std::vector<std::string>{
-                                              "2|Invalid range of polling timeout, set default. (0->300)",
-                                              "2|Invalid range of polling interval, set default. (0->60)",
-                                              "2|Invalid range of retry count, set default. (-1->0)",
+                                              "2|SdwGetNpConfig|Invalid range of polling timeout, set default. (0->300)",
+                                              "2|SdwGetNpConfig|Invalid range of polling interval, set default. (0->60)",
+                                              "2|SdwGetNpConfig|Invalid range of retry count, set default. (-1->0)",
                                           }));
 }
 
@@ -76,7 +76,7 @@ TEST_F(NpConfigTest, HeartbeatDelayRatioAboveHundredBecomesEighty)
     configure({{"np1"}}, 101);
     ASSERT_EQ(SdwGetNpConfig(), 0);
     EXPECT_EQ(gsdwDelayRatio, 80u);
-    EXPECT_TRUE(logged("2|Invalid range of delay ratio, set default. (101->80)"));
+    EXPECT_TRUE(logged("2|SdwGetNpConfig|Invalid range of delay ratio, set default. (101->80)"));
 }
 
 TEST_F(NpConfigTest, EmptyDeviceGuidIsNotedAndKept)
@@ -84,7 +84,7 @@ TEST_F(NpConfigTest, EmptyDeviceGuidIsNotedAndKept)
     configure({{"np1", 1, 1, 0, 4, ""}});
     ASSERT_EQ(SdwGetNpConfig(), 0);
     EXPECT_STREQ(gsdwlpRsc[0].device_info, "");
-    EXPECT_TRUE(logged("4|Empty guid. (Name=np1 Device=4)"));
+    EXPECT_TRUE(logged("4|SdwGetNpConfig|Empty guid. (Name=np1 Device=4)"));
 }
 
 TEST_F(NpConfigTest, UnreadableCountFailsTheWholeBuild)
@@ -94,7 +94,7 @@ TEST_F(NpConfigTest, UnreadableCountFailsTheWholeBuild)
     EXPECT_EQ(SdwGetNpConfig(), 99);
     EXPECT_EQ(gsdwlpRsc, nullptr);
     EXPECT_EQ(gsdwRscCount, 0u);
-    EXPECT_TRUE(logged("1|xmllib_get_value() failed. (Ret=0x5 key=/root/networkpartition/disknp@np2/count Size=4)"));
+    EXPECT_TRUE(logged("1|SdwGetNpConfig|xmllib_get_value() failed. (Ret=0x5 key=/root/networkpartition/disknp@np2/count Size=4)"));
     // The first resource was read in full before.
     int device_of_np1 = 0;
     for (const std::string &c : doubles::service_calls()) {
@@ -109,7 +109,7 @@ TEST_F(NpConfigTest, UnreadableDeviceGuidFailsTheBuild)
     doubles::erase_key("/root/server@node1/device@9/info");
     EXPECT_EQ(SdwGetNpConfig(), 99);
     EXPECT_EQ(gsdwlpRsc, nullptr);
-    EXPECT_TRUE(logged("1|xmllib_get_value() failed. (Ret=0x2 key=/root/server@node1/device@9/info Size=63)"));
+    EXPECT_TRUE(logged("1|SdwGetNpConfig|xmllib_get_value() failed. (Ret=0x2 key=/root/server@node1/device@9/info Size=63)"));
 }
 
 TEST_F(NpConfigTest, LongNamesAreCutTo31AndReadUnderTheFullName)
@@ -127,7 +127,7 @@ TEST_F(NpConfigTest, NoResourcesIsUnregistered)
     configure({});
     EXPECT_EQ(SdwGetNpConfig(), 99);
     EXPECT_EQ(gsdwlpRsc, nullptr);
-    EXPECT_TRUE(logged("2|Unregistered monitor. (Size=0)"));
+    EXPECT_TRUE(logged("2|SdwGetNpConfig|Unregistered monitor. (Size=0)"));
 }
 
 TEST_F(NpConfigTest, SecondCallKeepsTheTable)
@@ -138,7 +138,7 @@ TEST_F(NpConfigTest, SecondCallKeepsTheTable)
     doubles::clear_calls();
     EXPECT_EQ(SdwGetNpConfig(), 0);
     EXPECT_EQ(gsdwlpRsc, table);
-    EXPECT_TRUE(logged("2|resource has already created. (Rsc=" + hex(table) + ")"));
+    EXPECT_TRUE(logged("2|SdwGetNpConfig|resource has already created. (Rsc=" + hex(table) + ")"));
     EXPECT_EQ(doubles::service_calls(), (std::vector<std::string>{
                                             "xmllib_get_value(/root/monitor/sdw/type)",
                                             "xmllib_get_value(/root/monitor/sdw/log/level)",
@@ -153,7 +153,7 @@ TEST_F(NpConfigTest, PolicyFailureLeavesNoTable)
     doubles::fail_key("/root/monitor/sdw/log/level", 7);
     EXPECT_EQ(SdwGetNpConfig(), 99);
     EXPECT_EQ(gsdwlpRsc, nullptr);
-    EXPECT_TRUE(logged("1|SdwGetPolicy() failed. (Ret=0x63)"));
+    EXPECT_TRUE(logged("1|SdwGetNpConfig|SdwGetPolicy() failed. (Ret=0x63)"));
 }
 
 }  // namespace

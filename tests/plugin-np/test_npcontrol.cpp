@@ -29,16 +29,16 @@ TEST_F(NpControlTest, EveryFailedCreationStepLeavesNothingBehind)
         const char *function;
         const char *message;
     };
-    for (const Step &step : {Step{"CreateMutexA", "1|CreateMutex() failed. (Err=8)"},
-                             Step{"CreateWaitableTimerA", "1|CreateWaitableTimer() failed. (Err=8)"},
-                             Step{"CreateEventA", "1|CreateEvent() failed. (Err=8)"},
-                             Step{"_beginthreadex", "1|_beginthreadex() failed. (Err=8)"}}) {
+    for (const Step &step : {Step{"CreateMutexA", "1|SdwCreateMonitor|CreateMutex() failed. (Err=8)"},
+                             Step{"CreateWaitableTimerA", "1|SdwCreateMonitor|CreateWaitableTimer() failed. (Err=8)"},
+                             Step{"CreateEventA", "1|SdwCreateMonitor|CreateEvent() failed. (Err=8)"},
+                             Step{"_beginthreadex", "1|SdwCreateMonitor|_beginthreadex() failed. (Err=8)"}}) {
         SCOPED_TRACE(step.function);
         doubles::clear_calls();
         qmtp_fault_set(step.function, 1, 8);
         EXPECT_EQ(start("np1"), 99u);
         EXPECT_TRUE(logged(step.message));
-        EXPECT_TRUE(logged("1|SdwCreateMonitor() failed. (Ret=99)"));
+        EXPECT_TRUE(logged("1|NpMontrStatusChange|SdwCreateMonitor() failed. (Ret=99)"));
         EXPECT_EQ(r->thread, nullptr);
         EXPECT_EQ(r->mutex, nullptr);
         EXPECT_EQ(r->timer, nullptr);
@@ -70,7 +70,7 @@ TEST_F(NpControlTest, SuspendAndResumeAreTakenWithinASecond)
     EXPECT_EQ(NpMontrStatusChange("disknp", "np1", SDW_CTRL_SUSPEND), 0u);
     DWORD took = GetTickCount() - before;
     EXPECT_LT(took, 3000u);
-    EXPECT_TRUE(logged("4|<<< Suspend[0x11] of np1[0x1] >>>"));
+    EXPECT_TRUE(logged("4|NpMontrStatusChange|<<< Suspend[0x11] of np1[0x1] >>>"));
     EXPECT_EQ(SdwLoad(r->request), SDW_REQ_SUSPEND);
     EXPECT_EQ(SdwLoad(r->request_pending), 0);
     Sleep(1100);
@@ -83,7 +83,7 @@ TEST_F(NpControlTest, SuspendAndResumeAreTakenWithinASecond)
     EXPECT_EQ(NpMontrStatusChange("disknp", "np1", SDW_CTRL_RESUME), 0u);
     took = GetTickCount() - before;
     EXPECT_LT(took, 3000u);
-    EXPECT_TRUE(logged("4|<<< Resume[0x10] of np1[0x1] >>>"));
+    EXPECT_TRUE(logged("4|NpMontrStatusChange|<<< Resume[0x10] of np1[0x1] >>>"));
     EXPECT_EQ(SdwLoad(r->request_pending), 0);
     // The wake-up that took the resume runs a full cycle.
     EXPECT_TRUE(wait_for([&] { return qmtp::sim::probe_count(0) == 2; }, 1000));
@@ -105,10 +105,10 @@ TEST_F(NpControlTest, SuspendNotTakenInTimeReturns90AndStaysPending)
     const DWORD took = GetTickCount() - before;
     EXPECT_GE(took, 2000u);  // 100 ms and T + 1 pauses of a second
     EXPECT_LT(took, 4000u);
-    EXPECT_EQ(lines_with("2|CancelIo() failed. (Hdl=").size(), 1u);
-    EXPECT_TRUE(logged("1|Suspend timeout. (Hdl=" + hex(r->thread) + " Tid=" + hexnum(r->thread_id) +
+    EXPECT_EQ(lines_with("2|SdwSuspendMontr|CancelIo() failed. (Hdl=").size(), 1u);
+    EXPECT_TRUE(logged("1|SdwSuspendMontr|Suspend timeout. (Hdl=" + hex(r->thread) + " Tid=" + hexnum(r->thread_id) +
                        " Timeout=1)"));
-    EXPECT_TRUE(logged("1|SdwSuspendMontr() failed. (Ret=90)"));
+    EXPECT_TRUE(logged("1|NpMontrStatusChange|SdwSuspendMontr() failed. (Ret=90)"));
     EXPECT_EQ(SdwLoad(r->request), SDW_REQ_SUSPEND);
     EXPECT_EQ(SdwLoad(r->request_pending), 1);
 
@@ -125,14 +125,14 @@ TEST_F(NpControlTest, SuspendAndResumeWithoutAWorker)
     DWORD before = GetTickCount();
     EXPECT_EQ(NpMontrStatusChange("disknp", "np1", SDW_CTRL_SUSPEND), 0u);
     EXPECT_LT(GetTickCount() - before, 500u);
-    EXPECT_TRUE(logged("1|Not monitoring. (Hdl=0 Tid=0)"));
+    EXPECT_TRUE(logged("1|SdwSuspendMontr|Not monitoring. (Hdl=0 Tid=0)"));
     before = GetTickCount();
     EXPECT_EQ(NpMontrStatusChange("disknp", "np1", SDW_CTRL_RESUME), 90u);
     const DWORD took = GetTickCount() - before;
     EXPECT_GE(took, 2000u);
     EXPECT_LT(took, 4000u);
-    EXPECT_TRUE(logged("1|Resume timeout. (Hdl=0 Tid=0 Timeout=1)"));
-    EXPECT_TRUE(logged("1|SdwResumeMontr() failed. (Ret=90)"));
+    EXPECT_TRUE(logged("1|SdwResumeMontr|Resume timeout. (Hdl=0 Tid=0 Timeout=1)"));
+    EXPECT_TRUE(logged("1|NpMontrStatusChange|SdwResumeMontr() failed. (Ret=90)"));
 }
 
 TEST_F(NpControlTest, TeardownWaitsForAWorkerThatWillNotEndAndTriesAgainLater)
@@ -155,9 +155,9 @@ TEST_F(NpControlTest, TeardownWaitsForAWorkerThatWillNotEndAndTriesAgainLater)
     const DWORD took = GetTickCount() - before;
     EXPECT_GE(took, 9900u);
     EXPECT_LT(took, 15000u);
-    EXPECT_EQ(lines_with("1|WaitForMultipleObjects() timeout. (Hdl=" + hex(thread) + " Err=").size(), 1u);
-    EXPECT_TRUE(logged("1|SdwDestroyMonitor() failed. (Ret=90)"));
-    EXPECT_TRUE(logged("1|NpMontrStatusChange() failed. (Ret=90 TdHdl=" + hex(thread) + " Tid=" + hexnum(tid) +
+    EXPECT_EQ(lines_with("1|SdwDestroyMonitor|WaitForMultipleObjects() timeout. (Hdl=" + hex(thread) + " Err=").size(), 1u);
+    EXPECT_TRUE(logged("1|NpMontrStatusChange|SdwDestroyMonitor() failed. (Ret=90)"));
+    EXPECT_TRUE(logged("1|UninitNpRscDll|NpMontrStatusChange() failed. (Ret=90 TdHdl=" + hex(thread) + " Tid=" + hexnum(tid) +
                        " Name=np1)"));
     // Nothing was torn down; the others were stopped all the same.
     EXPECT_EQ(gsdwInitCount, 1u);

@@ -45,7 +45,7 @@ TEST_F(NpExportsTest, InitialisesInOrderAndTearsDownInReverse)
     EXPECT_FALSE(doubles::rm_attached());
     EXPECT_FALSE(doubles::string_table_loaded());
     EXPECT_EQ(doubles::policies_loaded(), (std::vector<std::string>{"sdw", "disknp", "nm"}));
-    EXPECT_TRUE(logged("4|Start - (DllName=qmtsdw DllType=0 ExecMode=0)"));
+    EXPECT_TRUE(logged("4|InitNpRscDll|Start - (DllName=qmtsdw DllType=0 ExecMode=0)"));
 
     doubles::clear_calls();
     EXPECT_EQ(UninitNpRscDll("qmtsdw", 0, 0), 0u);
@@ -59,19 +59,19 @@ TEST_F(NpExportsTest, InitialisesInOrderAndTearsDownInReverse)
     // The teardown's own End line, then the export's, the last after the log was closed.
     const std::vector<std::string> lines = doubles::log_lines_upto(4);
     ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[lines.size() - 2], "4|End - (Ret=0)");
-    EXPECT_EQ(lines.back(), "4|End - (Ret=0)");
+    EXPECT_EQ(lines[lines.size() - 2], "4|UninitNpRscDll|End - (Ret=0)");
+    EXPECT_EQ(lines.back(), "4|UninitNpRscDll|End - (Ret=0)");
     EXPECT_EQ(doubles::calls().back().log, nullptr);
 }
 
 TEST_F(NpExportsTest, InitialisesOnceAndTearsDownOnce)
 {
     EXPECT_EQ(UninitNpRscDll("qmtsdw", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|Not initialized. (Ref=0)"));
+    EXPECT_TRUE(logged("1|UninitNpRscDll|Not initialized. (Ref=0)"));
     init();
     doubles::clear_calls();
     EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|Already initialized. (Ref=1)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|Already initialized. (Ref=1)"));
     EXPECT_TRUE(doubles::service_calls().empty());
     EXPECT_EQ(gsdwInitCount, 1u);
 }
@@ -80,7 +80,7 @@ TEST_F(NpExportsTest, FailedPolicyUnwindsEverythingAndClosesTheLog)
 {
     doubles::fail("xmllib_load_policy", 3);
     EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("1|xmllib_load_policy() failed. (Ret=0x3 type=sdw)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_load_policy() failed. (Ret=0x3 type=sdw)"));
     EXPECT_EQ(without_config_reads(doubles::service_calls()),
               (std::vector<std::string>{"QmtLogOpen(sdw|4|10000000|0|Global\\ORVQMT_SDW_LOG)", "cs_gethostname(256|1)",
                                         "shmcm_attach()", "xmllib_init(sdw)", "xmllib_load_policy(sdw)",
@@ -88,22 +88,22 @@ TEST_F(NpExportsTest, FailedPolicyUnwindsEverythingAndClosesTheLog)
                                         "xmllib_unload_policy(disknp)", "xmllib_unload_policy(sdw)", "xmllib_term()",
                                         "shmcm_detach()", "QmtLogClose()"}));
     // What was never loaded answers 5; each is logged and the unwinding goes on.
-    EXPECT_TRUE(logged("1|xmllib_unload_config() failed. (Ret=0x5)"));
-    EXPECT_TRUE(logged("1|xmllib_unload_policy() failed. (Ret=0x5 Type=nm)"));
-    EXPECT_TRUE(logged("1|xmllib_unload_policy() failed. (Ret=0x5 Type=disknp)"));
-    EXPECT_TRUE(logged("1|xmllib_unload_policy() failed. (Ret=0x5 Type=sdw)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_config() failed. (Ret=0x5)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=nm)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=disknp)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=sdw)"));
     EXPECT_FALSE(doubles::cm_attached());
     EXPECT_FALSE(doubles::log_open());
     EXPECT_EQ(gsdwInitCount, 0u);
     EXPECT_EQ(gsdwhLog, nullptr);
-    EXPECT_TRUE(logged("4|End - (Ret=1)"));
+    EXPECT_TRUE(logged("4|InitNpRscDll|End - (Ret=1)"));
 }
 
 TEST_F(NpExportsTest, FailedDisknpPolicyStillUnloadsAllThreePolicies)
 {
     doubles::fail("xmllib_load_policy(disknp)", 4);
     EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("1|xmllib_load_policy() failed. (Ret=0x4 type=disknp)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_load_policy() failed. (Ret=0x4 type=disknp)"));
     EXPECT_EQ(without_config_reads(doubles::service_calls()),
               (std::vector<std::string>{"QmtLogOpen(sdw|4|10000000|0|Global\\ORVQMT_SDW_LOG)", "cs_gethostname(256|1)",
                                         "shmcm_attach()", "xmllib_init(sdw)", "xmllib_load_policy(sdw)",
@@ -111,8 +111,8 @@ TEST_F(NpExportsTest, FailedDisknpPolicyStillUnloadsAllThreePolicies)
                                         "xmllib_unload_policy(nm)", "xmllib_unload_policy(disknp)",
                                         "xmllib_unload_policy(sdw)", "xmllib_term()", "shmcm_detach()",
                                         "QmtLogClose()"}));
-    EXPECT_TRUE(logged("1|xmllib_unload_policy() failed. (Ret=0x5 Type=nm)"));
-    EXPECT_FALSE(logged("1|xmllib_unload_policy() failed. (Ret=0x5 Type=sdw)")) << "sdw was loaded and is released";
+    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=nm)"));
+    EXPECT_FALSE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=sdw)")) << "sdw was loaded and is released";
     EXPECT_TRUE(doubles::policies_loaded().empty());
     EXPECT_FALSE(doubles::cm_attached());
     EXPECT_EQ(gsdwInitCount, 0u);
@@ -122,8 +122,8 @@ TEST_F(NpExportsTest, ConfigurationWithoutResourcesFailsTheInitialisation)
 {
     configure({});
     EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("2|Unregistered monitor. (Size=0)"));
-    EXPECT_TRUE(logged("1|SdwGetNpConfig() failed. (Ret=99)"));
+    EXPECT_TRUE(logged("2|SdwGetNpConfig|Unregistered monitor. (Size=0)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|SdwGetNpConfig() failed. (Ret=99)"));
     EXPECT_FALSE(doubles::log_open());
     EXPECT_TRUE(doubles::policies_loaded().empty());
     EXPECT_EQ(gsdwlpRsc, nullptr);
@@ -133,9 +133,9 @@ TEST_F(NpExportsTest, FailedHostNameUnwindsAll)
 {
     doubles::fail("cs_gethostname", 4);
     EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("1|cs_gethostname() failed. (Ret=4)"));
-    EXPECT_TRUE(logged("1|shmcm_detach() failed. (Ret=5)"));
-    EXPECT_TRUE(logged("1|xmllib_term() failed. (Ret=0x5)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|cs_gethostname() failed. (Ret=4)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|shmcm_detach() failed. (Ret=5)"));
+    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_term() failed. (Ret=0x5)"));
 }
 
 TEST_F(NpExportsTest, ArgumentsAreChecked)
@@ -151,14 +151,15 @@ TEST_F(NpExportsTest, ArgumentsAreChecked)
     EXPECT_EQ(GetCheckPoint(nullptr), 0);
     EXPECT_EQ(GetCheckPoint("np4"), 0);
     EXPECT_EQ(doubles::log_lines_upto(2),
-              (std::vector<std::string>{"1|Invalid parameter. (Type=0)", "1|Invalid parameter. (Name=0)",
-                                        "1|Invalid parameter, unregistered. (Name=NP1)",
-                                        "1|Invalid parameter. (Type=0)", "1|Invalid parameter. (Name=0)",
-                                        "1|Invalid parameter, unregistered. (Name=np)",
-                                        "1|Invalid parameter. (Name=0)",
-                                        "1|Invalid parameter, unregistered. (Name=np4)"}));
+              (std::vector<std::string>{"1|DoNpMontr|Invalid parameter. (Type=0)", "1|DoNpMontr|Invalid parameter. (Name=0)",
+                                        "1|DoNpMontr|Invalid parameter, unregistered. (Name=NP1)",
+                                        "1|NpMontrStatusChange|Invalid parameter. (Type=0)",
+                                        "1|NpMontrStatusChange|Invalid parameter. (Name=0)",
+                                        "1|NpMontrStatusChange|Invalid parameter, unregistered. (Name=np)",
+                                        "1|GetCheckPoint|Invalid parameter. (Name=0)",
+                                        "1|GetCheckPoint|Invalid parameter, unregistered. (Name=np4)"}));
     EXPECT_EQ(NpMontrStatusChange("disknp", "np1", 2), 3u);
-    EXPECT_TRUE(logged("1|Invalid control code. (Type=disknp Name=np1 Ctrl=0x2)"));
+    EXPECT_TRUE(logged("1|NpMontrStatusChange|Invalid control code. (Type=disknp Name=np1 Ctrl=0x2)"));
 }
 
 TEST_F(NpExportsTest, StatusOfAStoppedResourceIs99WithoutReadingTheConfiguration)
@@ -167,13 +168,13 @@ TEST_F(NpExportsTest, StatusOfAStoppedResourceIs99WithoutReadingTheConfiguration
     doubles::clear_calls();
     EXPECT_EQ(DoNpMontr("disknp", "np2"), 99u);
     EXPECT_EQ(gsdwlpRsc[1].result, 99);
-    EXPECT_TRUE(logged("1|Not monitoring. (Hdl=0 Tid=0)"));
-    EXPECT_TRUE(logged("8|Status of np2 is 99[0])"));
+    EXPECT_TRUE(logged("1|DoNpMontr|Not monitoring. (Hdl=0 Tid=0)"));
+    EXPECT_TRUE(logged("8|DoNpMontr|Status of np2 is 99[0])"));
     EXPECT_TRUE(doubles::service_calls().empty());
     // A record without a worker has no lock: the accessors log that and still work.
     EXPECT_FALSE(lines_with("SdwMutexLock() failed. (Ret=99)").empty());
     EXPECT_EQ(GetCheckPoint("np2"), 0);
-    EXPECT_TRUE(logged("8|Check Point->0)"));
+    EXPECT_TRUE(logged("8|GetCheckPoint|Check Point->0)"));
 }
 
 TEST_F(NpExportsTest, StatusRereadsTheSettingsAndTheRatio)
@@ -189,8 +190,8 @@ TEST_F(NpExportsTest, StatusRereadsTheSettingsAndTheRatio)
     EXPECT_EQ(gsdwlpRsc[0].timeout, 120);
     EXPECT_EQ(gsdwlpRsc[0].interval, 30);
     EXPECT_EQ(gsdwTimeoutRatio, 3);
-    EXPECT_EQ(doubles::log_lines_upto(4), (std::vector<std::string>{"4|changed polling timeout. (300->120)",
-                                                                    "4|changed polling interval. (60->30)"}));
+    EXPECT_EQ(doubles::log_lines_upto(4), (std::vector<std::string>{"4|DoNpMontr|changed polling timeout. (300->120)",
+                                                                    "4|DoNpMontr|changed polling interval. (60->30)"}));
     EXPECT_EQ(doubles::service_calls(),
               (std::vector<std::string>{"xmllib_reload_config(1)",
                                         "xmllib_get_value(/root/networkpartition/disknp@np1/timeout)",
@@ -208,12 +209,12 @@ TEST_F(NpExportsTest, StatusRereadsTheSettingsAndTheRatio)
     EXPECT_EQ(gsdwlpRsc[0].interval, 60);
     EXPECT_EQ(gsdwTimeoutRatio, 1);
     EXPECT_EQ(doubles::log_lines_upto(4),
-              (std::vector<std::string>{"2|xmllib_reload_config() failed. (Err=0x9)",
-                                        "4|changed polling timeout. (120->0)",
-                                        "2|Invalid range of polling timeout, set default. (0->300)",
-                                        "4|changed polling interval. (30->-5)",
-                                        "2|Invalid range of polling interval, set default. (-5->60)",
-                                        "2|shmcm_getratio() failed. (Ret=8)"}));
+              (std::vector<std::string>{"2|DoNpMontr|xmllib_reload_config() failed. (Err=0x9)",
+                                        "4|DoNpMontr|changed polling timeout. (120->0)",
+                                        "2|DoNpMontr|Invalid range of polling timeout, set default. (0->300)",
+                                        "4|DoNpMontr|changed polling interval. (30->-5)",
+                                        "2|DoNpMontr|Invalid range of polling interval, set default. (-5->60)",
+                                        "2|DoNpMontr|shmcm_getratio() failed. (Ret=8)"}));
 
     // Unreadable keys leave the values alone: time-out at level 2, interval at level 1.
     doubles::fail_key(key_of("np1", "timeout"), 2);
@@ -222,8 +223,8 @@ TEST_F(NpExportsTest, StatusRereadsTheSettingsAndTheRatio)
     EXPECT_EQ(DoNpMontr("disknp", "np1"), 0u);
     EXPECT_EQ(doubles::log_lines_upto(2),
               (std::vector<std::string>{
-                  "2|xmllib_get_value() failed. (Ret=0x2 key=/root/networkpartition/disknp@np1/timeout)",
-                  "1|xmllib_get_value() failed. (Ret=0x2 key=/root/networkpartition/disknp@np1/interval)"}));
+                  "2|DoNpMontr|xmllib_get_value() failed. (Ret=0x2 key=/root/networkpartition/disknp@np1/timeout)",
+                  "1|DoNpMontr|xmllib_get_value() failed. (Ret=0x2 key=/root/networkpartition/disknp@np1/interval)"}));
     EXPECT_EQ(stop("np1"), 0u);
 }
 
@@ -232,6 +233,8 @@ TEST_F(NpExportsTest, StartingARunningWorkerCreatesNothing)
     init();
     ASSERT_EQ(start("np1"), 0u);
     SDW_RSC *r = rsc("np1");
+    // Counted once the worker has made its own handles and waits for its timer.
+    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 1; }, 3000));
     HANDLE thread = r->thread, mutex = r->mutex, timer = r->timer, term = r->term_event;
     const long handles = qmtp_live_handles();
     EXPECT_EQ(NpMontrStatusChange("disknp", "np1", SDW_CTRL_START_RM), 0u);
@@ -240,18 +243,17 @@ TEST_F(NpExportsTest, StartingARunningWorkerCreatesNothing)
     EXPECT_EQ(r->mutex, mutex);
     EXPECT_EQ(r->timer, timer);
     EXPECT_EQ(r->term_event, term);
-    EXPECT_TRUE(logged("4|<<< Start[0x110] of np1 >>>"));
+    EXPECT_TRUE(logged("4|NpMontrStatusChange|<<< Start[0x110] of np1 >>>"));
     // 0x201 stops like 1.
-    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 1; }, 3000));
     EXPECT_EQ(NpMontrStatusChange("disknp", "np1", SDW_CTRL_STOP_SHUTDOWN), 0u);
-    EXPECT_TRUE(logged("4|<<< Stop[0x201] of np1[0x1] >>>"));
+    EXPECT_TRUE(logged("4|NpMontrStatusChange|<<< Stop[0x201] of np1[0x1] >>>"));
     EXPECT_EQ(r->thread, nullptr);
     EXPECT_EQ(r->mutex, nullptr);
     EXPECT_EQ(r->timer, nullptr);
     EXPECT_EQ(r->term_event, nullptr);
     // Stopping again: nothing to stop.
     EXPECT_EQ(stop("np1"), 0u);
-    EXPECT_TRUE(logged("1|Not monitoring. (Name=np1 Hdl=0 Tid=" + hexnum(r->thread_id) + ")"));
+    EXPECT_TRUE(logged("1|SdwDestroyMonitor|Not monitoring. (Name=np1 Hdl=0 Tid=" + hexnum(r->thread_id) + ")"));
 }
 
 TEST_F(NpExportsTest, TeardownStopsEveryRunningWorker)
@@ -266,8 +268,8 @@ TEST_F(NpExportsTest, TeardownStopsEveryRunningWorker)
     EXPECT_EQ(gsdwlpRsc, nullptr);
     int stops = 0, ends = 0;
     for (const std::string &l : doubles::log_lines()) {
-        stops += l.rfind("4|<<< Stop[0x1] of np", 0) == 0;
-        ends += l == "4|catch stop message.";
+        stops += l.rfind("4|NpMontrStatusChange|<<< Stop[0x1] of np", 0) == 0;
+        ends += l == "4|SdwNpMonitor|catch stop message.";
     }
     EXPECT_EQ(stops, 3);
     EXPECT_EQ(ends, 3);

@@ -47,11 +47,11 @@ TEST_F(NpWorkerTest, CheckPointsFollowTheCycle)
     ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 1; }, 3000));
     seen.push_back(checkpoint("np1"));  // Waiting for the timer
     ASSERT_EQ(WaitForSingleObject(first, 3000), WAIT_OBJECT_0);
-    const std::string lock_line = "32|Start - (Hdl=" + hex(first).substr(2) + " Timeout=10000)";
+    const std::string lock_line = "32|SdwMutexLock|Start - (Hdl=" + hex(first).substr(2) + " Timeout=10000)";
     ASSERT_TRUE(wait_for(
         [&] {
             const std::vector<std::string> lines = doubles::log_lines();
-            return logged("16|WaitForMultipleObjects(Interval) completed. (Name=np1)") && lines.back() == lock_line;
+            return logged("16|SdwNpMonitor|WaitForMultipleObjects(Interval) completed. (Name=np1)") && lines.back() == lock_line;
         },
         3000));
     r_->mutex = second;
@@ -100,9 +100,9 @@ TEST_F(NpWorkerTest, FirstCycleComesAfterOneSecondAndProbesDiskAfterDisk)
     EXPECT_NE(starts[0].find("LUN=0 Tick="), std::string::npos);
     EXPECT_NE(starts[0].find("Time=5sec)"), std::string::npos);
     EXPECT_NE(starts[1].find("LUN=1 Tick="), std::string::npos);
-    EXPECT_TRUE(logged("16|WaitForMultipleObjects(Interval) completed. (Name=np1)"));
+    EXPECT_TRUE(logged("16|SdwNpMonitor|WaitForMultipleObjects(Interval) completed. (Name=np1)"));
     // Disk 1 answers after 20 ms: the first lap is the slowest so far.
-    EXPECT_TRUE(wait_for([&] { return !lines_with("2|Renew slowest lap. (Name=np1 SlowestLap=0msec->").empty(); },
+    EXPECT_TRUE(wait_for([&] { return !lines_with("2|SdwNpMonitor|Renew slowest lap. (Name=np1 SlowestLap=0msec->").empty(); },
                          1000));
 
     // A refusal on the first disk ends the cycle there.
@@ -110,7 +110,7 @@ TEST_F(NpWorkerTest, FirstCycleComesAfterOneSecondAndProbesDiskAfterDisk)
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 5; }, 3000));
     EXPECT_EQ(qmtp::sim::probe_count(0), 2u);
     EXPECT_EQ(qmtp::sim::probe_count(1), 1u);
-    EXPECT_EQ(lines_with("1|DeviceIoControl() failed. (Name=np1 Hdl=").size(), 1u);
+    EXPECT_EQ(lines_with("1|SdwNpMonitor|DeviceIoControl() failed. (Name=np1 Hdl=").size(), 1u);
     EXPECT_FALSE(lines_with("LUN=0 Err=21)").empty());
     ASSERT_EQ(stop("np1"), 0u);
 }
@@ -122,11 +122,11 @@ TEST_F(NpWorkerTest, FailuresAreRetriedBeforeTheyAreStored)
     ASSERT_EQ(start("np1"), 0u);
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 5; }, 5000));
     EXPECT_EQ(qmtp::sim::probe_count(0), 3u);
-    EXPECT_EQ(lines_with("Will be retry."), (std::vector<std::string>{"8|Will be retry. (Name=np1 Retry=1/2)",
-                                                                      "8|Will be retry. (Name=np1 Retry=2/2)"}));
+    EXPECT_EQ(lines_with("Will be retry."), (std::vector<std::string>{"8|SdwNpMonitor|Will be retry. (Name=np1 Retry=1/2)",
+                                                                      "8|SdwNpMonitor|Will be retry. (Name=np1 Retry=2/2)"}));
     // The third failure was stored after the second retry.
-    EXPECT_LT(line_index("8|Will be retry. (Name=np1 Retry=2/2)"),
-              line_index("32|Start - (Status=5 Name=np1)"));
+    EXPECT_LT(line_index("8|SdwNpMonitor|Will be retry. (Name=np1 Retry=2/2)"),
+              line_index("32|SdwSetResult|Start - (Status=5 Name=np1)"));
     // One good cycle clears the failure and the counter.
     qmtp::sim::set_disk(0, {});
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 0; }, 3000));
@@ -141,7 +141,7 @@ TEST_F(NpWorkerTest, HungProbeStores90AtOnceAndWaitsForTheDisk)
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 90; }, 4000));
     HANDLE disk = r_->device_handles[0];
     // 90 is stored first, the time-out line follows it.
-    EXPECT_TRUE(wait_for([&] { return logged("1|I/O pending timeout. (Name=np1 Hdl=" + hex(disk) + " LUN=0 Timeout=1)"); },
+    EXPECT_TRUE(wait_for([&] { return logged("1|SdwNpMonitor|I/O pending timeout. (Name=np1 Hdl=" + hex(disk) + " LUN=0 Timeout=1)"); },
                          2000));
     // Still waiting for the disk: in Probing, with the cycle's start tick.
     Sleep(300);
@@ -154,9 +154,9 @@ TEST_F(NpWorkerTest, HungProbeStores90AtOnceAndWaitsForTheDisk)
     ASSERT_TRUE(wait_for([&] { return !lines_with("Will be retry.").empty(); }, 2000));
     std::vector<std::string> done = lines_with("I/O pending completed(timeout)");
     ASSERT_EQ(done.size(), 1u);
-    EXPECT_EQ(done[0].rfind("1|I/O pending completed(timeout). (Name=np1 Ret=1 Err=", 0), 0u);
+    EXPECT_EQ(done[0].rfind("1|SdwNpMonitor|I/O pending completed(timeout). (Name=np1 Ret=1 Err=", 0), 0u);
     EXPECT_NE(done[0].find(" Time=1sec)"), std::string::npos);  // released about 1.3 s after the start
-    EXPECT_EQ(lines_with("Will be retry."), (std::vector<std::string>{"8|Will be retry. (Name=np1 Retry=1/2)"}));
+    EXPECT_EQ(lines_with("Will be retry."), (std::vector<std::string>{"8|SdwNpMonitor|Will be retry. (Name=np1 Retry=1/2)"}));
     EXPECT_EQ(SdwLoad(r_->result), 90);
 
     qmtp::sim::set_disk(0, {});
@@ -174,7 +174,7 @@ TEST_F(NpWorkerTest, FailedOpenStoresFourAndReopensOnlyTheMissingSlot)
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 4; }, 3000));
     EXPECT_EQ(qmtp_call_count("CreateFileA"), 3u);  // the volume, disk 0, disk 1
     // The status is stored first, its line follows.
-    EXPECT_TRUE(wait_for([&] { return logged("1|CreateFile() failed. (Name=np1 Dev=\\\\.\\PHYSICALDRIVE1 Err=2)"); }, 2000));
+    EXPECT_TRUE(wait_for([&] { return logged("1|SdwNpMonitor|CreateFile() failed. (Name=np1 Dev=\\\\.\\PHYSICALDRIVE1 Err=2)"); }, 2000));
     EXPECT_TRUE(lines_with("Will be retry.").empty());
     EXPECT_EQ(qmtp::sim::probe_count(0), 0u);
     qmtp::sim::set_disk(1, {});
@@ -188,7 +188,7 @@ TEST_F(NpWorkerTest, UnresolvedVolumeStoresFour)
     setup({"np1", 5, 1, 5, 0, "no-such-volume"});
     ASSERT_EQ(start("np1"), 0u);
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 4; }, 3000));
-    EXPECT_TRUE(wait_for([&] { return logged("1|SdwGetLUN() failed. (Name=np1 Ret=1)"); }, 2000));
+    EXPECT_TRUE(wait_for([&] { return logged("1|SdwNpMonitor|SdwGetLUN() failed. (Name=np1 Ret=1)"); }, 2000));
     ASSERT_EQ(stop("np1"), 0u);
 }
 
@@ -197,7 +197,7 @@ TEST_F(NpWorkerTest, WorkerWithoutProbeEventNeverProbes)
     setup({"np1", 5, 1, 0, 0, vol(0)});
     qmtp_fault_set("CreateEventA", 2, 8);  // the first is the terminate event
     ASSERT_EQ(start("np1"), 0u);
-    ASSERT_TRUE(wait_for([&] { return logged("1|CreateEvent() failed. (Name=np1 Err=8)"); }, 2000));
+    ASSERT_TRUE(wait_for([&] { return logged("1|SdwNpMonitor|CreateEvent() failed. (Name=np1 Err=8)"); }, 2000));
     Sleep(1300);
     EXPECT_EQ(SdwLoad(r_->result), 99);
     EXPECT_EQ(qmtp::sim::probe_count(0), 0u);
@@ -222,7 +222,7 @@ TEST_F(NpWorkerTest, FailedTimerStores99AndTriesAgainAfterASecond)
     qmtp_fault_set("SetWaitableTimer", 1, 8);
     ASSERT_EQ(start("np1"), 0u);
     ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 99; }, 1000));
-    EXPECT_TRUE(wait_for([&] { return logged("1|SetWaitableTimer() failed. (Name=np1 Hdl=" + hex(r_->timer) + " Err=8)"); },
+    EXPECT_TRUE(wait_for([&] { return logged("1|SdwNpMonitor|SetWaitableTimer() failed. (Name=np1 Hdl=" + hex(r_->timer) + " Err=8)"); },
                          2000));
     // After the pause the timer is armed again, for the first cycle's one second.
     ASSERT_TRUE(wait_for([&] { return qmtp::sim::probe_count(0) == 1 && SdwLoad(r_->result) == 0; }, 3500));
@@ -247,16 +247,26 @@ TEST_F(NpWorkerTest, StatusReportsACycleThatStalled)
 
     qmtp_tick_freeze(t0 + 599999);
     EXPECT_EQ(DoNpMontr("disknp", "np1"), 0u);
-    EXPECT_TRUE(logged("8|Status of np1 is 0[0x3])"));
+    EXPECT_TRUE(logged("8|DoNpMontr|Status of np1 is 0[0x3])"));
     qmtp_tick_freeze(t0 + 600000);
     EXPECT_EQ(DoNpMontr("disknp", "np1"), 99u);
-    EXPECT_TRUE(logged("1|np1 occurred timeout in 0x3. (Timeout=600000 Tick=600000)"));
+    EXPECT_TRUE(logged("1|DoNpMontr|np1 occurred timeout in 0x3. (Timeout=600000 Tick=600000)"));
     EXPECT_EQ(SdwLoad(r_->result), 99);
 
     // The ratio scales the limit.
     doubles::set_ratio(2);
     SdwStore(r_->result, 0);
     EXPECT_EQ(DoNpMontr("disknp", "np1"), 0u);
+    // A ratio below 1 is kept as read and counts as 1 in the limit.
+    for (int ratio : {0, -3}) {
+        doubles::set_ratio(ratio);
+        qmtp_tick_freeze(t0 + 599999);
+        SdwStore(r_->result, 0);
+        EXPECT_EQ(DoNpMontr("disknp", "np1"), 0u) << ratio;
+        EXPECT_EQ(gsdwTimeoutRatio, ratio);
+        qmtp_tick_freeze(t0 + 600000);
+        EXPECT_EQ(DoNpMontr("disknp", "np1"), 99u) << ratio;
+    }
     qmtp_tick_thaw();
     ASSERT_EQ(stop("np1"), 0u);
 }
@@ -270,9 +280,9 @@ TEST_F(NpWorkerTest, StopDuringAPendingProbeEndsWithoutWaitingForIt)
     // The stop's own cancellation fails: the worker sees the terminate event and cancels itself.
     qmtp_fault_set("CancelIo", 1, 5);
     ASSERT_EQ(stop("np1"), 0u);
-    EXPECT_TRUE(lines_with("2|CancelIo() failed. (Name=np1 Hdl=").size() == 1u);
-    const int accepted = line_index("4|A thread end request was accepted. Resource=np1");
-    const int cancelled = line_index("4|Cancel request TUR. Resource=np1");
+    EXPECT_TRUE(lines_with("2|SdwDestroyMonitor|CancelIo() failed. (Name=np1 Hdl=").size() == 1u);
+    const int accepted = line_index("4|SdwNpMonitor|A thread end request was accepted. Resource=np1");
+    const int cancelled = line_index("4|SdwNpMonitor|Cancel request TUR. Resource=np1");
     ASSERT_GE(accepted, 0);
     EXPECT_GT(cancelled, accepted);
     EXPECT_EQ(checkpoint("np1"), 0);
@@ -281,7 +291,7 @@ TEST_F(NpWorkerTest, StopDuringAPendingProbeEndsWithoutWaitingForIt)
     EXPECT_EQ(qmtp::sim::pending_count(0), 0u);
     EXPECT_EQ(r_->device_handles, nullptr);
     EXPECT_EQ(r_->extents, nullptr);
-    EXPECT_TRUE(logged("4|End - (Ret=0)"));
+    EXPECT_TRUE(logged("4|SdwNpMonitor|End - (Ret=0)"));
 }
 
 TEST_F(NpWorkerTest, StopAfterATimedOutProbeDropsTheProbe)
@@ -294,8 +304,8 @@ TEST_F(NpWorkerTest, StopAfterATimedOutProbeDropsTheProbe)
     ASSERT_EQ(stop("np1"), 0u);
     std::vector<std::string> done = lines_with("I/O pending completed(timeout)");
     ASSERT_EQ(done.size(), 1u);
-    EXPECT_EQ(done[0].rfind("1|I/O pending completed(timeout). (Name=np1 Ret=0 Err=", 0), 0u);
-    EXPECT_TRUE(logged("4|catch stop message."));
+    EXPECT_EQ(done[0].rfind("1|SdwNpMonitor|I/O pending completed(timeout). (Name=np1 Ret=0 Err=", 0), 0u);
+    EXPECT_TRUE(logged("4|SdwNpMonitor|catch stop message."));
     qmtp::sim::release(0);
     EXPECT_EQ(qmtp::sim::pending_count(0), 0u);
     EXPECT_EQ(SdwLoad(r_->result), 90);

@@ -44,7 +44,7 @@ TEST_F(ConfigTest, NoResourcesIsUnregistered)
 {
     configure({});
     EXPECT_EQ(SdwGetConfig(), 99);
-    EXPECT_TRUE(logged("2|Unregistered monitor. (Size=0)"));
+    EXPECT_TRUE(logged("2|SdwGetConfig|Unregistered monitor. (Size=0)"));
     EXPECT_EQ(gsdwlpRsc, nullptr);
 }
 
@@ -56,10 +56,10 @@ TEST_F(ConfigTest, OutOfRangeValuesAreReplacedWithAWarning)
     EXPECT_EQ(gsdwlpRsc[1].timeout, 300);
     EXPECT_EQ(gsdwDelayRatio, 80u);
     EXPECT_EQ(gsdwPolicyLogSize, 10000000);
-    EXPECT_TRUE(logged("2|Invalid range of polling timeout, set default. (0->300)"));
-    EXPECT_TRUE(logged("2|Invalid range of polling timeout, set default. (-5->300)"));
-    EXPECT_TRUE(logged("2|Invalid range of delay ratio, set default. (101->80)"));
-    EXPECT_TRUE(logged("2|Invalid range of log size, set default. (999999->10000000)"));
+    EXPECT_TRUE(logged("2|SdwGetConfig|Invalid range of polling timeout, set default. (0->300)"));
+    EXPECT_TRUE(logged("2|SdwGetConfig|Invalid range of polling timeout, set default. (-5->300)"));
+    EXPECT_TRUE(logged("2|SdwGetConfig|Invalid range of delay ratio, set default. (101->80)"));
+    EXPECT_TRUE(logged("2|SdwGetPolicy|Invalid range of log size, set default. (999999->10000000)"));
 }
 
 TEST_F(ConfigTest, RangeLimitsThemselvesAreKept)
@@ -98,7 +98,7 @@ TEST_F(ConfigTest, AnEmptyObjectFailsTheWholeBuild)
 {
     configure({{"sdw1"}, {"sdw2", 60, ""}, {"sdw3"}});
     EXPECT_EQ(SdwGetConfig(), 99);
-    EXPECT_TRUE(logged("1|No object. (Val=)"));
+    EXPECT_TRUE(logged("1|SdwGetConfig|No object. (Val=)"));
     EXPECT_EQ(gsdwlpRsc, nullptr);
     EXPECT_EQ(gsdwRscCount, 0u);
 }
@@ -108,7 +108,7 @@ TEST_F(ConfigTest, AnUnreadableTimeoutFailsTheBuildWithTheKeyAndSize)
     configure({{"sdw1"}});
     doubles::fail_key("/root/monitor/sdw@sdw1/polling/timeout", 2);
     EXPECT_EQ(SdwGetConfig(), 99);
-    EXPECT_TRUE(logged("1|xmllib_get_value() failed. (Ret=0x2 key=/root/monitor/sdw@sdw1/polling/timeout Size=4)"));
+    EXPECT_TRUE(logged("1|SdwGetConfig|xmllib_get_value() failed. (Ret=0x2 key=/root/monitor/sdw@sdw1/polling/timeout Size=4)"));
     EXPECT_EQ(gsdwlpRsc, nullptr);
 }
 
@@ -129,8 +129,8 @@ TEST_F(ConfigTest, APolicyReadFailureStopsAtThatKey)
     doubles::fail_key("/root/monitor/sdw/log/level", 7);
     EXPECT_EQ(SdwGetConfig(), 99);
     const std::vector<std::string> errors = lines_upto(QMTLOG_ERROR);
-    const std::vector<std::string> expected = {"1|xmllib_get_value() failed. (Ret=0x7 key=/root/monitor/sdw/log/level)",
-                                               "1|SdwGetPolicy() failed. (Ret=0x63)"};
+    const std::vector<std::string> expected = {"1|SdwGetPolicy|xmllib_get_value() failed. (Ret=0x7 key=/root/monitor/sdw/log/level)",
+                                               "1|SdwGetConfig|SdwGetPolicy() failed. (Ret=0x63)"};
     EXPECT_EQ(errors, expected);
 }
 
@@ -146,7 +146,7 @@ TEST_F(ConfigTest, ASecondBuildRefreshesPolicyAndKeepsTheTable)
     EXPECT_EQ(gsdwRscCount, 1u);
     EXPECT_EQ(gsdwDelayRatio, 60u);
     char line[96];
-    std::snprintf(line, sizeof line, "2|resource has already created. (Rsc=%#x)", SDW_HDL(table));
+    std::snprintf(line, sizeof line, "2|SdwGetConfig|resource has already created. (Rsc=%#x)", SDW_HDL(table));
     EXPECT_TRUE(logged(line));
 }
 
@@ -155,7 +155,7 @@ TEST_F(ConfigTest, EnumerationResultsZeroThreeAndFourCountAsSuccess)
     configure({{"sdw1"}});
     doubles::fail("xmllib_enum_value", 9);
     EXPECT_EQ(SdwGetConfig(), 99);
-    EXPECT_TRUE(logged("1|xmllib_enum_value() failed. (Ret=0x9 key=/root/monitor/sdw)"));
+    EXPECT_TRUE(logged("1|SdwGetConfig|xmllib_enum_value() failed. (Ret=0x9 key=/root/monitor/sdw)"));
     doubles::fail("xmllib_enum_value", 3);  // 3 and 4 count as success for the size query
     EXPECT_EQ(SdwGetConfig(), 0);
     EXPECT_EQ(gsdwRscCount, 1u);
@@ -176,7 +176,7 @@ TEST_F(ConfigTest, ReloadRereadsTheTimeoutUnderTheCutName)
     EXPECT_EQ(gsdwlpRsc[0].timeout, 300);
     doubles::fail("xmllib_reload_config", 4);
     EXPECT_EQ(SdwReloadConfig(&gsdwlpRsc[0]), 0);
-    EXPECT_TRUE(logged("2|xmllib_reload_config() failed. (Err=0x4)"));
+    EXPECT_TRUE(logged("2|SdwReloadConfig|xmllib_reload_config() failed. (Err=0x4)"));
 }
 
 }  // namespace

@@ -60,7 +60,7 @@ TEST_F(DiskCheckTest, SingleDiskVolumeResolvesWithOneRequest)
     EXPECT_EQ(rsc_.extents->NumberOfDiskExtents, 1u);
     EXPECT_EQ(SdwExtentDisk(rsc_.extents, 0), 0u);
     EXPECT_TRUE(lines_with("DiskExtents=").empty());
-    const std::vector<std::string> expected = {"4|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000001} LUN->0"};
+    const std::vector<std::string> expected = {"4|SdwGetLUN|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000001} LUN->0"};
     EXPECT_EQ(lun_lines(), expected);
     EXPECT_EQ(qmtp_call_count("DeviceIoControl"), 1u);
     GlobalFree(rsc_.extents);
@@ -72,10 +72,10 @@ TEST_F(DiskCheckTest, ThreeDiskVolumeTakesTheMoreDataPath)
     qmtp_fault_clear();  // resets the call counters
     ASSERT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000003"), 0);
     EXPECT_EQ(qmtp_call_count("DeviceIoControl"), 2u);
-    EXPECT_TRUE(logged("4|DiskExtents=3 Size=80"));
-    const std::vector<std::string> expected = {"4|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000003} LUN->4",
-                                               "4|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000003} LUN->2",
-                                               "4|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000003} LUN->7"};
+    EXPECT_TRUE(logged("4|SdwGetLUN|DiskExtents=3 Size=80"));
+    const std::vector<std::string> expected = {"4|SdwGetLUN|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000003} LUN->4",
+                                               "4|SdwGetLUN|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000003} LUN->2",
+                                               "4|SdwGetLUN|Name=disk-a Volume->\\\\?\\Volume{00000000-0000-4000-8000-000000000003} LUN->7"};
     EXPECT_EQ(lun_lines(), expected);
     GlobalFree(rsc_.extents);
     rsc_.extents = nullptr;
@@ -84,23 +84,23 @@ TEST_F(DiskCheckTest, ThreeDiskVolumeTakesTheMoreDataPath)
 TEST_F(DiskCheckTest, ResolutionFailuresLeaveNoBuffer)
 {
     EXPECT_EQ(SdwGetLUN(&rsc_, "nope"), 1);
-    EXPECT_TRUE(logged("1|CreateFile() failed. (Name=disk-a Path=\\\\?\\Volume{nope} Err=2)"));
+    EXPECT_TRUE(logged("1|SdwGetLUN|CreateFile() failed. (Name=disk-a Path=\\\\?\\Volume{nope} Err=2)"));
     EXPECT_EQ(rsc_.extents, nullptr);
 
     qmtp::sim::set_volume_extents_error("00000000-0000-4000-8000-000000000001", 1);
     EXPECT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000001"), 5);
-    EXPECT_TRUE(logged("1|DeviceIoControl() failed. (Name=disk-a Err=1)"));
+    EXPECT_TRUE(logged("1|SdwGetLUN|DeviceIoControl() failed. (Name=disk-a Err=1)"));
     EXPECT_EQ(rsc_.extents, nullptr);
     qmtp::sim::set_volume_extents_error("00000000-0000-4000-8000-000000000001", 0);
 
     qmtp_fault_set("GlobalAlloc", 1, 8);
     EXPECT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000001"), 7);
-    EXPECT_TRUE(logged("1|MEMALLOC() failed. (Name=disk-a Err=8)"));
+    EXPECT_TRUE(logged("1|SdwGetLUN|MEMALLOC() failed. (Name=disk-a Err=8)"));
     qmtp_fault_set("GlobalAlloc", 2, 8);  // the second, larger buffer
     EXPECT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000003"), 7);
     qmtp_fault_set("DeviceIoControl", 2, 1117);
     EXPECT_EQ(SdwGetLUN(&rsc_, "00000000-0000-4000-8000-000000000003"), 5);
-    EXPECT_TRUE(logged("1|DeviceIoControl() failed. (Name=disk-a Err=1117)"));
+    EXPECT_TRUE(logged("1|SdwGetLUN|DeviceIoControl() failed. (Name=disk-a Err=1117)"));
     EXPECT_EQ(rsc_.extents, nullptr);
 }
 
@@ -135,9 +135,9 @@ TEST_F(DiskCheckTest, PendingProbeWritesTheSevenResultLines)
     EXPECT_EQ(SdwMonitor(&rsc_), 0);
     const std::vector<std::string> result = lines_with("*** Result of overLapped");
     ASSERT_EQ(result.size(), 7u);
-    EXPECT_EQ(result[0], "8|*** Result of overLapped (Name=disk-a TransByts=0 LUN=0)");
-    EXPECT_EQ(result[2], "8|*** Result of overLapped (Name=disk-a Offset=0 LUN=0)");
-    EXPECT_EQ(result[4], "8|*** Result of overLapped (Name=disk-a Internal=0 LUN=0)");
+    EXPECT_EQ(result[0], "8|SdwMonitor|*** Result of overLapped (Name=disk-a TransByts=0 LUN=0)");
+    EXPECT_EQ(result[2], "8|SdwMonitor|*** Result of overLapped (Name=disk-a Offset=0 LUN=0)");
+    EXPECT_EQ(result[4], "8|SdwMonitor|*** Result of overLapped (Name=disk-a Internal=0 LUN=0)");
     EXPECT_EQ(result[6], result[0]);
     EXPECT_EQ(lines_with("I/O pending. (Name=disk-a").size(), 1u);
     EXPECT_EQ(lines_with("I/O pending completed. (Name=disk-a").size(), 1u);
@@ -163,7 +163,7 @@ TEST_F(DiskCheckTest, ElapsedEqualToTheThresholdWarnsAndOneLessDoesNot)
     doubles::clear_calls();
     EXPECT_EQ(check_answering_after(48000), 0);
     EXPECT_EQ(events(), std::vector<std::string>{"0x80000e43|disk-a604800080"});
-    EXPECT_EQ(lines_with("2|Delayed. (Name=disk-a DelayTime=48000msec Time=48000(53000-5000)msec LUN=0)").size(), 1u);
+    EXPECT_EQ(lines_with("2|SdwMonitor|Delayed. (Name=disk-a DelayTime=48000msec Time=48000(53000-5000)msec LUN=0)").size(), 1u);
 }
 
 TEST_F(DiskCheckTest, ThresholdFollowsDoublePrecisionArithmetic)
@@ -221,7 +221,7 @@ TEST_F(DiskCheckTest, SecondDiskNotOpenedMeansStatus4WithoutStartReport)
     std::strcpy(rsc_.volume_guid, "00000000-0000-4000-8000-000000000003");
     qmtp::sim::set_disk(2, {Behaviour::OpenFail, 0, 5});
     EXPECT_EQ(SdwMonitor(&rsc_), 4);
-    EXPECT_TRUE(logged("1|CreateFile() failed. (Name=disk-a Dev=\\\\.\\PHYSICALDRIVE2 Err=5)"));
+    EXPECT_TRUE(logged("1|SdwMonitor|CreateFile() failed. (Name=disk-a Dev=\\\\.\\PHYSICALDRIVE2 Err=5)"));
     EXPECT_TRUE(doubles::progress("sdw", "disk-a").empty());
     EXPECT_TRUE(events().empty());
     EXPECT_TRUE(lines_with("slowest lap").empty());
@@ -231,7 +231,7 @@ TEST_F(DiskCheckTest, UnresolvedVolumeIsStatus4WithoutEvent)
 {
     std::strcpy(rsc_.volume_guid, "gone");
     EXPECT_EQ(SdwMonitor(&rsc_), 4);
-    EXPECT_TRUE(logged("1|SdwGetLUN() failed. (Name=disk-a Ret=1)"));
+    EXPECT_TRUE(logged("1|SdwMonitor|SdwGetLUN() failed. (Name=disk-a Ret=1)"));
     EXPECT_TRUE(events().empty());
 }
 
@@ -239,7 +239,7 @@ TEST_F(DiskCheckTest, StartReportFailureIs190)
 {
     doubles::fail("shmrm_setmonprogress", 3);
     EXPECT_EQ(SdwMonitor(&rsc_), 190);
-    EXPECT_TRUE(logged("2|shmrm_setmonprogress() QMT_DOMONTR_MONSTART failed. (Name=disk-a, Err=3)"));
+    EXPECT_TRUE(logged("2|SdwMonitor|shmrm_setmonprogress() QMT_DOMONTR_MONSTART failed. (Name=disk-a, Err=3)"));
     EXPECT_TRUE(lines_with("I/O start").empty());
 }
 
@@ -247,7 +247,7 @@ TEST_F(DiskCheckTest, EndReportFailureIsOnlyLogged)
 {
     doubles::fail("shmrm_setmonprogress(sdw|disk-a|4)", 3);
     EXPECT_EQ(SdwMonitor(&rsc_), 0);
-    EXPECT_TRUE(logged("2|shmrm_setmonprogress() QMT_DOMONTR_MONEND failed. (Name=disk-a, Err=3)"));
+    EXPECT_TRUE(logged("2|SdwMonitor|shmrm_setmonprogress() QMT_DOMONTR_MONEND failed. (Name=disk-a, Err=3)"));
 }
 
 TEST_F(DiskCheckTest, RatioFailureMeansRatioOne)
@@ -255,7 +255,7 @@ TEST_F(DiskCheckTest, RatioFailureMeansRatioOne)
     doubles::set_ratio(5);
     doubles::fail("shmcm_getratio", 8);
     EXPECT_EQ(SdwMonitor(&rsc_), 0);
-    EXPECT_TRUE(logged("2|shmcm_getratio() failed. (Ret=8)"));
+    EXPECT_TRUE(logged("2|SdwMonitor|shmcm_getratio() failed. (Ret=8)"));
     EXPECT_EQ(gsdwTimeoutRatio, 1);
     EXPECT_EQ(lines_with("Time=60sec").size(), 2u);
 }
@@ -305,6 +305,29 @@ TEST_F(DiskCheckTest, HungDiskHoldsTheCheckUntilReleased)
     EXPECT_TRUE(done.load());
 }
 
+TEST_F(DiskCheckTest, FailedWaitCancelsAndReapsTheProbeBeforeItsBlockGoes)
+{
+    // Each wait of the check fails in turn until the probe's own is hit; the disk answers late
+    // enough for its probe to be pending, and early enough that a missed wait costs little.
+    qmtp::sim::set_disk(0, {Behaviour::Delay, 30, 0});
+    bool hit = false;
+    for (unsigned n = 1; n <= 64 && !hit; n++) {
+        qmtp_fault_clear();
+        qmtp_fault_set("WaitForSingleObject", n, 6);
+        doubles::clear_calls();
+        hit = SdwMonitor(&rsc_) == 100;
+    }
+    ASSERT_TRUE(hit);
+    const std::vector<std::string> failed = lines_with("I/O pending failed.");
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].rfind("2|SdwMonitor|I/O pending failed. (Name=disk-a Hdl=", 0), 0u);
+    EXPECT_TRUE(failed[0].ends_with(" LUN=0 Err=6)"));
+    EXPECT_EQ(qmtp_call_count("CancelIo"), 1u);
+    EXPECT_EQ(qmtp_call_count("GetOverlappedResult"), 1u) << "the cancelled request is reaped";
+    // The device still finishes the request it was given, and nothing of the check is touched.
+    while (qmtp::sim::pending_count(0) != 0) Sleep(1);
+}
+
 TEST_F(DiskCheckTest, EveryAllocationAndHandleFailingInTurnLeaksNothing)
 {
     std::strcpy(rsc_.volume_guid, "00000000-0000-4000-8000-000000000003");
@@ -325,7 +348,7 @@ TEST_F(DiskCheckTest, EveryAllocationAndHandleFailingInTurnLeaksNothing)
     qmtp_fault_clear();
     qmtp_fault_set("CreateEventA", 1, 8);
     EXPECT_EQ(SdwMonitor(&rsc_), 190);
-    EXPECT_TRUE(logged("2|CreateEvent() failed. (Name=disk-a Err=8)"));
+    EXPECT_TRUE(logged("2|SdwMonitor|CreateEvent() failed. (Name=disk-a Err=8)"));
 }
 
 }  // namespace

@@ -33,8 +33,8 @@ TEST_F(ExportsTest, InitialisesPassesTearsDownAndInitialisesAgain)
     EXPECT_EQ(gsdwInitCount, 1u);
     ASSERT_EQ(gsdwRscCount, 3u);
     for (uint32_t i = 0; i < gsdwRscCount; i++) EXPECT_NE(gsdwlpRsc[i].mutex, nullptr);
-    EXPECT_EQ(logged("4|***** 1.2.3.4/5.6.7.8 *****"), first_in_process);
-    EXPECT_TRUE(logged("4|Start - (DllName=qmtsdw DllType=0 ExecMode=0)"));
+    EXPECT_EQ(logged("4|InitRscDll|***** 1.2.3.4/5.6.7.8 *****"), first_in_process);
+    EXPECT_TRUE(logged("4|InitRscDll|Start - (DllName=qmtsdw DllType=0 ExecMode=0)"));
     EXPECT_TRUE(doubles::string_table_loaded());
     EXPECT_TRUE(doubles::cm_attached() && doubles::rm_attached());
     EXPECT_EQ(doubles::policies_loaded(), (std::vector<std::string>{"sdw", "rm"}));
@@ -45,7 +45,7 @@ TEST_F(ExportsTest, InitialisesPassesTearsDownAndInitialisesAgain)
     EXPECT_EQ(DoMontr("sdw", "sdw2"), 5u);
     EXPECT_EQ(gsdwlpRsc[1].result, 5);
     EXPECT_EQ(doubles::description("sdw", "sdw2"), "Disk check failed");
-    EXPECT_TRUE(logged("8|Status of sdw2 is 5)"));
+    EXPECT_TRUE(logged("8|DoMontr|Status of sdw2 is 5)"));
 
     uninit();
     EXPECT_EQ(gsdwInitCount, 0u);
@@ -89,12 +89,12 @@ TEST_F(ExportsTest, TeardownCallsInItsOrderAndTheLastLinesGoOutWithAndWithoutThe
 TEST_F(ExportsTest, SecondInitAndUninitWithoutInitChangeNothing)
 {
     EXPECT_EQ(UninitRscDll("x", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|Not initialized. (Ref=0)"));
+    EXPECT_TRUE(logged("1|UninitRscDll|Not initialized. (Ref=0)"));
     init();
     SDW_RSC *table = gsdwlpRsc;
     doubles::clear_calls();
     EXPECT_EQ(InitRscDll("x", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|Already initialized. (Ref=1)"));
+    EXPECT_TRUE(logged("1|InitRscDll|Already initialized. (Ref=1)"));
     EXPECT_TRUE(lines_with("Start - (DllName").empty());
     EXPECT_EQ(gsdwlpRsc, table);
     EXPECT_EQ(gsdwInitCount, 1u);
@@ -109,15 +109,15 @@ TEST_F(ExportsTest, EveryFailingStepUnwindsEverythingInOrder)
         std::string message;
     };
     const std::vector<Step> steps = {
-        {"cs_gethostname", "1|cs_gethostname() failed. (Ret=9)"},
-        {"shmcm_attach", "1|shmcm_attach() failed. (Ret=9)"},
-        {"shmrm_attach", "1|shmrm_attach() failed. (Ret=9)"},
-        {"QmtLoadStringTable", "1|QmtLoadStringTable() failed. (Ret=9)"},
-        {"xmllib_init", "1|xmllib_init() failed. (Ret=0x9)"},
-        {"xmllib_load_policy(sdw)", "1|xmllib_load_policy() failed. (Ret=0x9 type=sdw)"},
-        {"xmllib_load_policy(rm)", "1|xmllib_load_policy() failed. (Ret=0x9 type=rm)"},
-        {"xmllib_load_config", "1|xmllib_load_config() failed. (Ret=0x9)"},
-        {"xmllib_enum_value", "1|SdwGetConfig() failed. (Ret=99)"},
+        {"cs_gethostname", "1|InitRscDll|cs_gethostname() failed. (Ret=9)"},
+        {"shmcm_attach", "1|InitRscDll|shmcm_attach() failed. (Ret=9)"},
+        {"shmrm_attach", "1|InitRscDll|shmrm_attach() failed. (Ret=9)"},
+        {"QmtLoadStringTable", "1|InitRscDll|QmtLoadStringTable() failed. (Ret=9)"},
+        {"xmllib_init", "1|InitRscDll|xmllib_init() failed. (Ret=0x9)"},
+        {"xmllib_load_policy(sdw)", "1|InitRscDll|xmllib_load_policy() failed. (Ret=0x9 type=sdw)"},
+        {"xmllib_load_policy(rm)", "1|InitRscDll|xmllib_load_policy() failed. (Ret=0x9 type=rm)"},
+        {"xmllib_load_config", "1|InitRscDll|xmllib_load_config() failed. (Ret=0x9)"},
+        {"xmllib_enum_value", "1|InitRscDll|SdwGetConfig() failed. (Ret=99)"},
     };
     const std::vector<std::string> unwind = {
         "xmllib_unload_config()", "xmllib_unload_policy(rm)", "xmllib_unload_policy(sdw)", "xmllib_term()",
@@ -152,7 +152,7 @@ TEST_F(ExportsTest, ARecordLockThatCannotBeCreatedGives99AndUnwinds)
 {
     qmtp_fault_set("CreateMutexA", 2, 1450);
     EXPECT_EQ(InitRscDll("qmtsdw", 0, 0), 99u);
-    EXPECT_TRUE(logged("1|CreateMutex() failed. (Err=1450)"));
+    EXPECT_TRUE(logged("1|InitRscDll|CreateMutex() failed. (Err=1450)"));
     EXPECT_EQ(gsdwlpRsc, nullptr);
     EXPECT_EQ(gsdwInitCount, 0u);
     qmtp_fault_clear();
@@ -163,8 +163,8 @@ TEST_F(ExportsTest, NoSdwResourcesMakesInitFail)
 {
     configure({});
     EXPECT_EQ(InitRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("2|Unregistered monitor. (Size=0)"));
-    EXPECT_TRUE(logged("1|SdwGetConfig() failed. (Ret=99)"));
+    EXPECT_TRUE(logged("2|SdwGetConfig|Unregistered monitor. (Size=0)"));
+    EXPECT_TRUE(logged("1|InitRscDll|SdwGetConfig() failed. (Ret=99)"));
 }
 
 TEST_F(ExportsTest, PolicyLogSettingsAreAdoptedOnlyOverTheDefaults)
@@ -183,14 +183,14 @@ TEST_F(ExportsTest, PolicyLogSettingsAreAdoptedOnlyOverTheDefaults)
 TEST_F(ExportsTest, DoMontrRejectsBadArgumentsWith190)
 {
     EXPECT_EQ(DoMontr("sdw", "sdw1"), 190u);
-    EXPECT_TRUE(logged("2|Invalid parameter, gsdwlpRsc is NULL. (Name=sdw1)"));
+    EXPECT_TRUE(logged("2|DoMontr|Invalid parameter, gsdwlpRsc is NULL. (Name=sdw1)"));
     init();
     EXPECT_EQ(DoMontr(nullptr, "sdw1"), 190u);
-    EXPECT_TRUE(logged("2|Invalid parameter. (Type=0)"));
+    EXPECT_TRUE(logged("2|DoMontr|Invalid parameter. (Type=0)"));
     EXPECT_EQ(DoMontr("sdw", nullptr), 190u);
-    EXPECT_TRUE(logged("2|Invalid parameter. (Name=0)"));
+    EXPECT_TRUE(logged("2|DoMontr|Invalid parameter. (Name=0)"));
     EXPECT_EQ(DoMontr("sdw", "nobody"), 190u);
-    EXPECT_TRUE(logged("2|Invalid parameter, unregistered. (Name=nobody)"));
+    EXPECT_TRUE(logged("2|DoMontr|Invalid parameter, unregistered. (Name=nobody)"));
 }
 
 TEST_F(ExportsTest, AResourceWithoutVolumeIsNotChecked)
@@ -199,40 +199,40 @@ TEST_F(ExportsTest, AResourceWithoutVolumeIsNotChecked)
     doubles::clear_calls();
     gsdwlpRsc[2].result = 77;
     EXPECT_EQ(DoMontr("sdw", "sdw3"), 0u);
-    EXPECT_TRUE(logged("8|No monitor in server. (Name=sdw3)"));
+    EXPECT_TRUE(logged("8|DoMontr|No monitor in server. (Name=sdw3)"));
     EXPECT_EQ(gsdwlpRsc[2].result, 77);
     EXPECT_TRUE(doubles::description("sdw", "sdw3").empty());
     EXPECT_EQ(MontrStatusChange("sdw", "sdw3", 2), 0u);
-    EXPECT_TRUE(logged("4|No monitor in server. (Name=sdw3)"));
+    EXPECT_TRUE(logged("4|MontrStatusChange|No monitor in server. (Name=sdw3)"));
 }
 
 TEST_F(ExportsTest, ControlRequestsByCode)
 {
     init();
     EXPECT_EQ(MontrStatusChange("sdw", "sdw1", 2), 3u);
-    EXPECT_TRUE(logged("1|Invalid control code. (Type=sdw Name=sdw1 Ctrl=0x2)"));
+    EXPECT_TRUE(logged("1|MontrStatusChange|Invalid control code. (Type=sdw Name=sdw1 Ctrl=0x2)"));
     EXPECT_EQ(MontrStatusChange(nullptr, "sdw1", 0), 3u);
     EXPECT_EQ(MontrStatusChange("sdw", nullptr, 0), 3u);
     EXPECT_EQ(MontrStatusChange("sdw", "nobody", 0), 3u);
-    EXPECT_TRUE(logged("1|Invalid parameter, unregistered. (Name=nobody)"));
+    EXPECT_TRUE(logged("1|MontrStatusChange|Invalid parameter, unregistered. (Name=nobody)"));
     for (int code : {0x1, 0x111, 0x201, 0x10, 0x11}) EXPECT_EQ(MontrStatusChange("sdw", "sdw1", code), 0u);
-    EXPECT_TRUE(logged("4|<<< Stop[0x201] of sdw1 >>>"));
-    EXPECT_TRUE(logged("4|<<< Resume[0x10] of sdw1 >>>"));
-    EXPECT_TRUE(logged("4|<<< Suspend[0x11] of sdw1 >>>"));
+    EXPECT_TRUE(logged("4|MontrStatusChange|<<< Stop[0x201] of sdw1 >>>"));
+    EXPECT_TRUE(logged("4|MontrStatusChange|<<< Resume[0x10] of sdw1 >>>"));
+    EXPECT_TRUE(logged("4|MontrStatusChange|<<< Suspend[0x11] of sdw1 >>>"));
 
     // A start clears the record and re-reads the time-out; a failed re-read keeps the old one.
     gsdwlpRsc[0].result = 5;
     gsdwlpRsc[0].mon_tick = 1234;
     doubles::set_int("/root/monitor/sdw@sdw1/polling/timeout", 90);
     EXPECT_EQ(MontrStatusChange("sdw", "sdw1", 0x110), 0u);
-    EXPECT_TRUE(logged("4|<<< Start[0x110] of sdw1 >>>"));
+    EXPECT_TRUE(logged("4|MontrStatusChange|<<< Start[0x110] of sdw1 >>>"));
     EXPECT_EQ(gsdwlpRsc[0].timeout, 90);
     EXPECT_EQ(gsdwlpRsc[0].result, 0);
     EXPECT_EQ(gsdwlpRsc[0].mon_tick, 0u);
     gsdwlpRsc[0].result = 5;
     doubles::erase_key("/root/monitor/sdw@sdw1/polling/timeout");
     EXPECT_EQ(MontrStatusChange("sdw", "sdw1", 0), 0u);
-    EXPECT_TRUE(logged("1|SdwReloadConfig() failed. (Name=sdw1)"));
+    EXPECT_TRUE(logged("1|MontrStatusChange|SdwReloadConfig() failed. (Name=sdw1)"));
     EXPECT_EQ(gsdwlpRsc[0].timeout, 90);
     EXPECT_EQ(gsdwlpRsc[0].result, 0);
 }
@@ -264,6 +264,34 @@ TEST_F(ExportsTest, UninitRefusesWhileAPassRunsAndCompletesAfterIt)
     pass.join();
     uninit();
     EXPECT_EQ(gsdwInitCount, 0u);
+}
+
+TEST_F(ExportsTest, ASecondPassOnABusyRecordAnswersTheLastStatusAndTouchesNothing)
+{
+    // Two resources configured under one name share the first one's record.
+    configure({{"sdw1", 60, "sd1", "00000000-0000-4000-8000-000000000001"},
+               {"sdw1", 60, "sd1", "00000000-0000-4000-8000-000000000001"}});
+    init();
+    ASSERT_EQ(DoMontr("sdw", "sdw1"), 0u);
+    qmtp::sim::set_disk(0, {Behaviour::Refuse, 0, 21});
+    ASSERT_EQ(DoMontr("sdw", "sdw1"), 5u);
+    qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
+    std::thread pass([] { EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u); });
+    while (qmtp::sim::pending_count(0) == 0) Sleep(1);
+    SDW_RSC *r = &gsdwlpRsc[0];
+    VOLUME_DISK_EXTENTS *extents = r->extents;
+    HANDLE *handles = r->device_handles;
+    EXPECT_EQ(DoMontr("sdw", "sdw1"), 5u);
+    EXPECT_EQ(r->extents, extents);
+    EXPECT_EQ(r->device_handles, handles);
+    EXPECT_EQ(r->is_do_montr, 1);
+    EXPECT_EQ(qmtp::sim::probe_count(0), 3u);
+    qmtp::sim::set_disk(0, {});
+    qmtp::sim::release(0);
+    pass.join();
+    EXPECT_EQ(r->is_do_montr, 0);
+    EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u) << "the record is free again";
+    EXPECT_EQ(qmtp::sim::probe_count(0), 4u);
 }
 
 TEST_F(ExportsTest, ConcurrentPassesAndControlRequestsOnSeveralResources)

@@ -56,16 +56,16 @@ TEST_F(FrameTest, AccessorOnARecordWithoutLockLogsBothFailuresAndStillStores)
     SdwSetResult(&table_[1], 5);
     EXPECT_EQ(table_[1].result, 5);
     const std::vector<std::string> expected = {
-        "32|Start - (Status=5 Name=sdw2)",
-        "32|Start - (Hdl=0 Timeout=10000)",
-        "1|WaitForSingleObject() failed. (Hdl=0 Err=6)",
-        "32|End - (Ret=99)",
-        "1|SdwMutexLock() failed. (Ret=99)",
-        "32|Start - (Hdl=0)",
-        "1|ReleaseMutex() failed. (Hdl=0 Err=6)",
-        "32|End - (Ret=99)",
-        "1|SdwMutexUnlock() failed. (Ret=99)",
-        "32|End - ()",
+        "32|SdwSetResult|Start - (Status=5 Name=sdw2)",
+        "32|SdwMutexLock|Start - (Hdl=0 Timeout=10000)",
+        "1|SdwMutexLock|WaitForSingleObject() failed. (Hdl=0 Err=6)",
+        "32|SdwMutexLock|End - (Ret=99)",
+        "1|SdwSetResult|SdwMutexLock() failed. (Ret=99)",
+        "32|SdwMutexUnlock|Start - (Hdl=0)",
+        "1|SdwMutexUnlock|ReleaseMutex() failed. (Hdl=0 Err=6)",
+        "32|SdwMutexUnlock|End - (Ret=99)",
+        "1|SdwSetResult|SdwMutexUnlock() failed. (Ret=99)",
+        "32|SdwSetResult|End - ()",
     };
     EXPECT_EQ(doubles::log_lines(), expected);
     EXPECT_EQ(SdwGetResult(&table_[1]), 5);
@@ -84,8 +84,8 @@ TEST_F(FrameTest, AccessorsReadAndWriteTheirFieldsUnderTheRecordLock)
     EXPECT_EQ(SdwGetIsDoMontr(&table_[0]), 1);
     EXPECT_EQ(SdwGetIsDoMontr(&table_[1]), 0);
     EXPECT_TRUE(lines_with("failed").empty());
-    EXPECT_TRUE(logged("32|Start - (Name=sdw1 Tick=4294967280)"));
-    EXPECT_TRUE(logged("32|End - (Ret=-16)"));
+    EXPECT_TRUE(logged("32|SdwSetMonTick|Start - (Name=sdw1 Tick=-16)"));
+    EXPECT_TRUE(logged("32|SdwGetMonTick|End - (Ret=-16)"));
     for (SDW_RSC &r : table_) {
         CloseHandle(r.mutex);
     }
@@ -110,7 +110,7 @@ TEST_F(FrameTest, MutexLockTimesOutWith6AndTheExactMessage)
     doubles::clear_calls();
     EXPECT_EQ(SdwMutexLock(mutex, 30), 6);
     char line[128];
-    std::snprintf(line, sizeof line, "1|WaitForSingleObject() timeout. (Hdl=%#x Timeout=30)", SDW_HDL(mutex));
+    std::snprintf(line, sizeof line, "1|SdwMutexLock|WaitForSingleObject() timeout. (Hdl=%#x Timeout=30)", SDW_HDL(mutex));
     EXPECT_TRUE(logged(line));
     done = true;
     holder.join();

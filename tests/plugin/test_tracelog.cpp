@@ -37,7 +37,7 @@ TEST_F(TraceLogTest, FiveRepeatsThenADifferentMessageGiveOneSummary)
 {
     for (int i = 0; i < 5; i++) say("r1", "disk late");
     say("r1", "disk fine");
-    const std::vector<std::string> expected = {"2|disk late", "2|Last message of r1 repeated 4 times.", "2|disk fine"};
+    const std::vector<std::string> expected = {"2|SdwMonitor|disk late", "2|SdwMonitor|Last message of r1 repeated 4 times.", "2|SdwMonitor|disk fine"};
     EXPECT_EQ(doubles::log_lines(), expected);
 
     // The summary carries the entry's place: its file without directories, line and function.
@@ -54,7 +54,7 @@ TEST_F(TraceLogTest, MessagesWithoutResourceAreFoldedWithTheirOwnSummary)
 {
     for (int i = 0; i < 5; i++) say(nullptr, "tick");
     say(nullptr, "tock");
-    const std::vector<std::string> expected = {"2|tick", "2|Last message repeated 4 times.", "2|tock"};
+    const std::vector<std::string> expected = {"2|SdwMonitor|tick", "2|SdwMonitor|Last message repeated 4 times.", "2|SdwMonitor|tock"};
     EXPECT_EQ(doubles::log_lines(), expected);
 }
 
@@ -64,7 +64,7 @@ TEST_F(TraceLogTest, ASingleRepeatIsShownAgainBeforeTheNextMessage)
     qmtp_tick_freeze(1010000);
     say("r1", "late");
     say("r1", "other");
-    const std::vector<std::string> expected = {"2|late", "2|late", "2|other"};
+    const std::vector<std::string> expected = {"2|SdwMonitor|late", "2|SdwMonitor|late", "2|SdwMonitor|other"};
     EXPECT_EQ(doubles::log_lines(), expected);
 }
 
@@ -76,7 +76,7 @@ TEST_F(TraceLogTest, RepeatAtExactlyTheWindowIsSilentAndOneMsLaterIsSummarised)
     EXPECT_EQ(doubles::log_lines().size(), 1u);
     qmtp_tick_freeze(1000000 + 600001);
     say("r1", "late");
-    const std::vector<std::string> expected = {"2|late", "2|Last message of r1 repeated 2 times."};
+    const std::vector<std::string> expected = {"2|SdwMonitor|late", "2|SdwMonitor|Last message of r1 repeated 2 times."};
     EXPECT_EQ(doubles::log_lines(), expected);
     // The summary restarted the window: the next repeat is silent again.
     say("r1", "late");
@@ -92,7 +92,7 @@ TEST_F(TraceLogTest, TheWindowIsMeasuredAcrossTheTickWrap)
     EXPECT_EQ(doubles::log_lines().size(), 1u);
     qmtp_tick_freeze(0xFFFFFF00u + 600001u);
     say("r1", "late");
-    EXPECT_EQ(doubles::log_lines().back(), "2|Last message of r1 repeated 2 times.");
+    EXPECT_EQ(doubles::log_lines().back(), "2|SdwMonitor|Last message of r1 repeated 2 times.");
 }
 
 TEST_F(TraceLogTest, SameTextFromAnotherLineFunctionOrLevelIsNotARepeat)
@@ -111,13 +111,13 @@ TEST_F(TraceLogTest, TextIsCutAfter127CharactersAndSoAreRepeats)
     say("r1", (base + "Y").c_str());
     const std::vector<std::string> lines = doubles::log_lines();
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], "2|" + base);
+    EXPECT_EQ(lines[0], "2|SdwMonitor|" + base);
 }
 
 TEST_F(TraceLogTest, PercentSignsAreWrittenExactlyAsFormatted)
 {
     SdwWriteLog("r1", QMTLOG_ERROR, kFile, 5, "f", "ratio %d%% of %s", 80, "50%s");
-    EXPECT_EQ(doubles::log_lines().back(), "1|ratio 80% of 50%s");
+    EXPECT_EQ(doubles::log_lines().back(), "1|f|ratio 80% of 50%s");
     EXPECT_EQ(doubles::calls().back().text, "ratio 80% of 50%s");
 }
 
@@ -127,11 +127,11 @@ TEST_F(TraceLogTest, TraceAboveTheCurrentLevelNeitherFlushesNorChangesTheEntry)
     say("r1", "late");
     say("r1", "late");  // two pending repeats
     SdwWriteLog("r1", QMTLOG_TRACE, kFile, 20, "SdwMonitor", "%s", "I/O start");
-    EXPECT_EQ(doubles::log_lines().back(), "8|I/O start") << "written: the library filters by level";
+    EXPECT_EQ(doubles::log_lines().back(), "8|SdwMonitor|I/O start") << "written: the library filters by level";
     say("r1", "late");  // still a repeat of the stored entry
     say("r1", "done");
-    const std::vector<std::string> expected = {"2|late", "8|I/O start", "2|Last message of r1 repeated 3 times.",
-                                               "2|done"};
+    const std::vector<std::string> expected = {"2|SdwMonitor|late", "8|SdwMonitor|I/O start", "2|SdwMonitor|Last message of r1 repeated 3 times.",
+                                               "2|SdwMonitor|done"};
     EXPECT_EQ(doubles::log_lines(), expected);
 }
 
@@ -144,8 +144,8 @@ TEST_F(TraceLogTest, ResourcesFoldIndependently)
     say("r2", "late");
     say("r1", "ok");
     say("r2", "ok");
-    const std::vector<std::string> expected = {"2|late", "2|late", "2|late", "2|ok",
-                                               "2|Last message of r2 repeated 2 times.", "2|ok"};
+    const std::vector<std::string> expected = {"2|SdwMonitor|late", "2|SdwMonitor|late", "2|SdwMonitor|late", "2|SdwMonitor|ok",
+                                               "2|SdwMonitor|Last message of r2 repeated 2 times.", "2|SdwMonitor|ok"};
     EXPECT_EQ(doubles::log_lines(), expected);
 }
 
@@ -167,12 +167,12 @@ TEST_F(TraceLogTest, AStuckLogLockMakesTheCallerWriteUnfoldedAfterItsWait)
     holder.join();
     EXPECT_GE(waited, std::chrono::milliseconds(2900));
     EXPECT_LT(waited, std::chrono::milliseconds(8000));
-    EXPECT_EQ(doubles::log_lines().back(), "2|late") << "written as it is, not lost";
+    EXPECT_EQ(doubles::log_lines().back(), "2|SdwMonitor|late") << "written as it is, not lost";
     // The entry was not touched: the next repeat is still counted against the first message.
     say("r1", "late");
     say("r1", "next");
-    EXPECT_EQ(doubles::log_lines()[2], "2|late");
-    EXPECT_EQ(doubles::log_lines()[3], "2|next");
+    EXPECT_EQ(doubles::log_lines()[2], "2|SdwMonitor|late");
+    EXPECT_EQ(doubles::log_lines()[3], "2|SdwMonitor|next");
 }
 
 }  // namespace

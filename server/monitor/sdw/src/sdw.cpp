@@ -90,7 +90,7 @@ int32_t SdwMutexUnlock(HANDLE mutex)
  * a worker has no lock at all), so the fields are read and written as whole atomic values. */
 static void SdwRecordLock(SDW_RSC *rsc, const char *function)
 {
-    int32_t ret = SdwMutexLock(rsc->mutex, SDW_RECORD_LOCK_WAIT);
+    int32_t ret = SdwMutexLock(SdwLoad(rsc->mutex), SDW_RECORD_LOCK_WAIT);
     if (ret != 0) {
         SdwWriteLog(SDW_NORSC, QMTLOG_ERROR, __FILE__, __LINE__, function, "SdwMutexLock() failed. (Ret=%d)", ret);
     }
@@ -98,7 +98,7 @@ static void SdwRecordLock(SDW_RSC *rsc, const char *function)
 
 static void SdwRecordUnlock(SDW_RSC *rsc, const char *function)
 {
-    int32_t ret = SdwMutexUnlock(rsc->mutex);
+    int32_t ret = SdwMutexUnlock(SdwLoad(rsc->mutex));
     if (ret != 0) {
         SdwWriteLog(SDW_NORSC, QMTLOG_ERROR, __FILE__, __LINE__, function, "SdwMutexUnlock() failed. (Ret=%d)",
                     ret);
@@ -126,7 +126,7 @@ int32_t SdwGetResult(SDW_RSC *rsc)
 
 void SdwSetMonTick(SDW_RSC *rsc, uint32_t value)
 {
-    SDWLOG(SDW_NORSC, QMTLOG_DETAIL, "Start - (Name=%s Tick=%ld)", rsc->name, (long)value);
+    SDWLOG(SDW_NORSC, QMTLOG_DETAIL, "Start - (Name=%s Tick=%ld)", rsc->name, SDW_LONG(value));
     SdwRecordLock(rsc, __func__);
     SdwStore(rsc->mon_tick, value);
     SdwRecordUnlock(rsc, __func__);
@@ -173,35 +173,35 @@ uint32_t SdwGetTick(void)
  * 6-byte header and the UTF-16 key "VS_VERSION_INFO", padded to 32 bits: at offset 40. */
 #define SDW_FIXED_INFO_OFFSET 40
 
-void SdwWriteBanner(BOOL use_ex)
+void SdwWriteBanner(const char *function, BOOL use_ex)
 {
     HMODULE module = GetModuleHandleA(NULL);
     if (module == NULL) {
-        SDWLOG(SDW_NORSC, QMTLOG_WARNING, "GetModuleHandle() failed. (Err=%d)", (int)GetLastError());
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_WARNING, "GetModuleHandle() failed. (Err=%d)", (int)GetLastError());
     }
     HRSRC resource;
     if (use_ex) {
         resource = FindResourceExA(module, RT_VERSION, MAKEINTRESOURCEA(VS_VERSION_INFO),
                                    MAKELANGID(LANG_NEUTRAL, SUBLANG_NEUTRAL));
         if (resource == NULL) {
-            SDWLOG(SDW_NORSC, QMTLOG_WARNING, "FindResourceEx() failed. (Err=%d)", (int)GetLastError());
+            SDWLOGAS(function, SDW_NORSC, QMTLOG_WARNING, "FindResourceEx() failed. (Err=%d)", (int)GetLastError());
         }
     } else {
         resource = FindResourceA(module, MAKEINTRESOURCEA(VS_VERSION_INFO), RT_VERSION);
         if (resource == NULL) {
-            SDWLOG(SDW_NORSC, QMTLOG_WARNING, "FindResource() failed. (Err=%d)", (int)GetLastError());
+            SDWLOGAS(function, SDW_NORSC, QMTLOG_WARNING, "FindResource() failed. (Err=%d)", (int)GetLastError());
         }
     }
     HGLOBAL loaded = LoadResource(module, resource);
     if (loaded == NULL) {
-        SDWLOG(SDW_NORSC, QMTLOG_WARNING, "LoadResource() failed. (Err=%d)", (int)GetLastError());
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_WARNING, "LoadResource() failed. (Err=%d)", (int)GetLastError());
     }
     gsdwlpVersion = LockResource(loaded);
     if (gsdwlpVersion == NULL) {
         return;
     }
     const VS_FIXEDFILEINFO *info = (const VS_FIXEDFILEINFO *)((const BYTE *)gsdwlpVersion + SDW_FIXED_INFO_OFFSET);
-    SDWLOG(SDW_NORSC, QMTLOG_INFO, "***** %d.%d.%d.%d/%d.%d.%d.%d *****", HIWORD(info->dwFileVersionMS),
+    SDWLOGAS(function, SDW_NORSC, QMTLOG_INFO, "***** %d.%d.%d.%d/%d.%d.%d.%d *****", HIWORD(info->dwFileVersionMS),
            LOWORD(info->dwFileVersionMS), HIWORD(info->dwFileVersionLS), LOWORD(info->dwFileVersionLS),
            HIWORD(info->dwProductVersionMS), LOWORD(info->dwProductVersionMS), HIWORD(info->dwProductVersionLS),
            LOWORD(info->dwProductVersionLS));

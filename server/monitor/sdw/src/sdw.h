@@ -106,6 +106,9 @@ typedef struct SDW_RSC {
     uint32_t mon_tick;
     uint8_t check_point;
     int32_t is_do_montr;
+    /* 1 while a DoMontr pass owns the record's extents and handles. Unlike is_do_montr, which a
+     * start request clears, only the pass that set it clears it. */
+    int32_t pass_owned;
 } SDW_RSC;
 
 /* Whole-value loads and stores of the lock-free shared fields. */
@@ -151,9 +154,15 @@ void SdwWriteLog(const char *rsc_name, int level, const char *file, int line, co
     ;
 /* Trace macros: the function name is the caller's own. */
 #define SDWLOG(rsc_name, level, ...) SdwWriteLog((rsc_name), (level), __FILE__, __LINE__, __func__, __VA_ARGS__)
+/* For a helper that performs a step of another operation: its lines go under that operation's
+ * name, since the log's readers know the operations and not our helpers. */
+#define SDWLOGAS(function, rsc_name, level, ...) \
+    SdwWriteLog((rsc_name), (level), __FILE__, __LINE__, (function), __VA_ARGS__)
 #define SDW_NORSC ((const char *)0)
 /* Handles and pointers are shown as 32-bit numbers in the messages. */
 #define SDW_HDL(h) ((unsigned)(uintptr_t)(h))
+/* A value for a %ld, as the Windows build prints it: long is 32 bits there. */
+#define SDW_LONG(v) ((long)(int32_t)(v))
 /* A text argument from the host, which may be absent, for a %s. */
 #define SDW_SHOW(text) ((text) != NULL ? (text) : "(null)")
 
@@ -165,13 +174,14 @@ int32_t SdwGetNpConfig(void);
 /* The shared start of both table builders: the policy values, the delay ratio from delay_key,
  * then the names of "/root/<group>/<kind>" and a zero-filled table of that many records. When a
  * table exists already it returns 0 with no names and a count of 0. Every failure is logged. */
-int32_t SdwStartTable(const char *delay_key, const char *group, const char *kind, char **names, uint32_t *count);
+int32_t SdwStartTable(const char *function, const char *delay_key, const char *group, const char *kind, char **names,
+                      uint32_t *count);
 /* Reads one required integer of a resource; 0, or 99 after logging the key and the size left. */
-int32_t SdwReadResourceInt(const char *key, int32_t *value);
+int32_t SdwReadResourceInt(const char *function, const char *key, int32_t *value);
 void SdwFreeTable(void);
 /* Unloads the configuration, the given policies (loaded in this order) and the store itself,
  * logging each failure and going on: it is also the clean-up of a failed initialisation. */
-void SdwReleaseConfigStore(const char *const *policies, uint32_t count);
+void SdwReleaseConfigStore(const char *function, const char *const *policies, uint32_t count);
 
 /* ---- Disk checking ------------------------------------------------------------------------- */
 int32_t SdwGetLUN(SDW_RSC *rsc, const char *guid);
@@ -195,8 +205,9 @@ int32_t SdwResumeMontr(SDW_RSC *rsc);
 
 /* ---- Shared by both services' initialisation ----------------------------------------------- */
 void SdwSetShmDescription(SDW_RSC *rsc, const char *text, int32_t length);
-/* Writes the version banner once per process (FindResourceExA when use_ex, else FindResourceA). */
-void SdwWriteBanner(BOOL use_ex);
+/* Writes the version banner for the initialisation `function` (FindResourceExA when use_ex, else
+ * FindResourceA). */
+void SdwWriteBanner(const char *function, BOOL use_ex);
 /* Adopts the policy's log level and size while the log still has its defaults. */
 void SdwAdoptLogSettings(void);
 

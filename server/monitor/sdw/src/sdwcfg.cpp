@@ -62,17 +62,17 @@ exit:
 }
 
 /* Reads the delay ratio of one kind ("monitor" or "heartbeat"); 0 or 99. */
-static int32_t SdwGetDelayRatio(const char *key)
+static int32_t SdwGetDelayRatio(const char *function, const char *key)
 {
     int32_t value = 0;
     int size = (int)sizeof(value);
     int rc = xmllib_get_value(key, XMLLIB_KIND_INT, &value, &size);
     if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_get_value() failed. (Ret=%#x key=%s)", rc, key);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "xmllib_get_value() failed. (Ret=%#x key=%s)", rc, key);
         return SDW_ERR_SYSTEM;
     }
     if ((uint32_t)value > SDW_DELAY_RATIO_MAX) {
-        SDWLOG(SDW_NORSC, QMTLOG_WARNING, "Invalid range of delay ratio, set default. (%d->%d)", value,
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_WARNING, "Invalid range of delay ratio, set default. (%d->%d)", value,
                SDW_DEFAULT_DELAY_RATIO);
         value = SDW_DEFAULT_DELAY_RATIO;
     }
@@ -91,7 +91,7 @@ void SdwFreeTable(void)
     }
 }
 
-static int32_t SdwEnumNames(const char *key, char **names, uint32_t *count)
+static int32_t SdwEnumNames(const char *function, const char *key, char **names, uint32_t *count)
 {
     int size = 0;
     int rc;
@@ -100,21 +100,24 @@ static int32_t SdwEnumNames(const char *key, char **names, uint32_t *count)
     *count = 0;
     rc = xmllib_enum_value(key, NULL, &size);
     if (rc != 0 && rc != 3 && rc != 4) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_enum_value() failed. (Ret=%#x key=%s)", rc, key);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "xmllib_enum_value() failed. (Ret=%#x key=%s)", rc, key);
         return SDW_ERR_SYSTEM;
     }
     if (size <= 0 || size / XMLLIB_NAME_SLOT == 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_WARNING, "Unregistered monitor. (Size=%d)", size);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_WARNING, "Unregistered monitor. (Size=%d)", size);
         return SDW_ERR_SYSTEM;
     }
     char *buffer = (char *)GlobalAlloc(GPTR, (SIZE_T)size);
     if (buffer == NULL) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "MEMALLOC() failed. (Size=%d Err=%d)", size, (int)GetLastError());
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "MEMALLOC() failed. (Size=%d Err=%d)", size, (int)GetLastError());
         return SDW_ERR_MEMORY;
     }
-    rc = xmllib_enum_value(key, buffer, &size);
+    /* The number of resources is that of the first answer: whatever the second call says about
+     * its size, only the buffer allocated for the first is read. */
+    int fetched = size;
+    rc = xmllib_enum_value(key, buffer, &fetched);
     if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_enum_value() failed. (Ret=%#x key=%s)", rc, key);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "xmllib_enum_value() failed. (Ret=%#x key=%s)", rc, key);
         GlobalFree(buffer);
         return SDW_ERR_SYSTEM;
     }
@@ -128,11 +131,11 @@ static int32_t SdwEnumNames(const char *key, char **names, uint32_t *count)
     return 0;
 }
 
-static int32_t SdwAllocTable(uint32_t count)
+static int32_t SdwAllocTable(const char *function, uint32_t count)
 {
     SDW_RSC *table = (SDW_RSC *)GlobalAlloc(GPTR, (SIZE_T)count * sizeof(SDW_RSC));
     if (table == NULL) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "MEMALLOC() failed. (Err=%d)", (int)GetLastError());
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "MEMALLOC() failed. (Err=%d)", (int)GetLastError());
         return SDW_ERR_MEMORY;
     }
     gsdwlpRsc = table;
@@ -140,7 +143,8 @@ static int32_t SdwAllocTable(uint32_t count)
     return 0;
 }
 
-int32_t SdwStartTable(const char *delay_key, const char *group, const char *kind, char **names, uint32_t *count)
+int32_t SdwStartTable(const char *function, const char *delay_key, const char *group, const char *kind, char **names,
+                      uint32_t *count)
 {
     char key[SDW_KEY_SIZE];
     int32_t ret;
@@ -149,38 +153,38 @@ int32_t SdwStartTable(const char *delay_key, const char *group, const char *kind
     *count = 0;
     ret = SdwGetPolicy();
     if (ret != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SdwGetPolicy() failed. (Ret=%#x)", ret);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "SdwGetPolicy() failed. (Ret=%#x)", ret);
         return ret;
     }
-    ret = SdwGetDelayRatio(delay_key);
+    ret = SdwGetDelayRatio(function, delay_key);
     if (ret != 0) {
         return ret;
     }
     /* The policy values and the delay ratio are refreshed all the same. */
     if (gsdwlpRsc != NULL) {
-        SDWLOG(SDW_NORSC, QMTLOG_WARNING, "resource has already created. (Rsc=%#x)", SDW_HDL(gsdwlpRsc));
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_WARNING, "resource has already created. (Rsc=%#x)", SDW_HDL(gsdwlpRsc));
         return 0;
     }
 
     memset(key, 0, sizeof(key));
     snprintf(key, sizeof(key), "/root/%s/%s", group, kind);
-    ret = SdwEnumNames(key, names, count);
+    ret = SdwEnumNames(function, key, names, count);
     if (ret != 0) {
         return ret;
     }
-    ret = SdwAllocTable(*count);
+    ret = SdwAllocTable(function, *count);
     if (ret != 0) {
         *count = 0;
     }
     return ret;
 }
 
-int32_t SdwReadResourceInt(const char *key, int32_t *value)
+int32_t SdwReadResourceInt(const char *function, const char *key, int32_t *value)
 {
     int size = (int)sizeof(*value);
     int rc = xmllib_get_value(key, XMLLIB_KIND_INT, value, &size);
     if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_get_value() failed. (Ret=%#x key=%s Size=%d)", rc, key, size);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "xmllib_get_value() failed. (Ret=%#x key=%s Size=%d)", rc, key, size);
         return SDW_ERR_SYSTEM;
     }
     return 0;
@@ -197,7 +201,7 @@ int32_t SdwGetConfig(void)
 
     SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Start - ()");
 
-    ret = SdwStartTable(SDW_KEY_DELAY_MONITOR, "monitor", "sdw", &names, &count);
+    ret = SdwStartTable(__func__, SDW_KEY_DELAY_MONITOR, "monitor", "sdw", &names, &count);
     if (ret != 0) {
         goto exit;
     }
@@ -211,7 +215,7 @@ int32_t SdwGetConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/monitor/sdw@%s/polling/timeout", slot);
-        ret = SdwReadResourceInt(key, &value);
+        ret = SdwReadResourceInt(__func__, key, &value);
         if (ret != 0) {
             break;
         }
@@ -297,21 +301,21 @@ exit:
     return ret;
 }
 
-void SdwReleaseConfigStore(const char *const *policies, uint32_t count)
+void SdwReleaseConfigStore(const char *function, const char *const *policies, uint32_t count)
 {
     int rc = xmllib_unload_config();
     if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_config() failed. (Ret=%#x)", rc);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_config() failed. (Ret=%#x)", rc);
     }
     /* In the reverse order of their loading. */
     for (uint32_t i = count; i > 0; i--) {
         rc = xmllib_unload_policy(policies[i - 1]);
         if (rc != 0) {
-            SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, policies[i - 1]);
+            SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "xmllib_unload_policy() failed. (Ret=%#x Type=%s)", rc, policies[i - 1]);
         }
     }
     rc = xmllib_term();
     if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "xmllib_term() failed. (Ret=%#x)", rc);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "xmllib_term() failed. (Ret=%#x)", rc);
     }
 }

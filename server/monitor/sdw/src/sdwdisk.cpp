@@ -22,7 +22,7 @@ int32_t SdwGetLUN(SDW_RSC *rsc, const char *guid)
     HANDLE volume;
     DWORD returned = 0;
 
-    LUNLOG(QMTLOG_TRACE, "Start - (Name=%s Hdl=%x)", rsc->name, SDW_HDL(rsc->thread));
+    LUNLOG(QMTLOG_TRACE, "Start - (Name=%s Hdl=%x)", rsc->name, SDW_HDL(SdwLoad(rsc->thread)));
 
     if (rsc->extents != NULL) {
         LUNLOG(QMTLOG_ERROR, "Invalid seaquence, not NULL. (Name=%s Vol=%#x)", rsc->name, SDW_HDL(rsc->extents));
@@ -61,6 +61,7 @@ int32_t SdwGetLUN(SDW_RSC *rsc, const char *guid)
 
     {
         DWORD count = rsc->extents->NumberOfDiskExtents;
+        DWORD capacity = 1;
         if (count > 1) {
             uint64_t size = SDW_EXTENTS_HEADER + (uint64_t)SDW_EXTENT_SIZE * count;
             LUNLOG(QMTLOG_INFO, "DiskExtents=%d Size=%d", (int)count, (int)(DWORD)size);
@@ -85,6 +86,11 @@ int32_t SdwGetLUN(SDW_RSC *rsc, const char *guid)
                 ret = SDW_ERR_IO;
                 goto close;
             }
+            capacity = count;
+        }
+        /* Everyone after us trusts the header, so it never claims more than the buffer holds. */
+        if (rsc->extents->NumberOfDiskExtents > capacity) {
+            rsc->extents->NumberOfDiskExtents = capacity;
         }
         count = rsc->extents->NumberOfDiskExtents;
         for (DWORD i = 0; i < count; i++) {
@@ -114,19 +120,18 @@ void SdwLogProbeResult(SDW_RSC *rsc, const char *function, const OVERLAPPED *ov,
 #undef RESLOG
 }
 
-/* One check-verify probe of an open disk; 0, 5 or 100. */
-static int32_t SdwProbeDisk(SDW_RSC *rsc, HANDLE disk, DWORD lun, HANDLE event, int32_t T)
+/* One check-verify probe of an open disk on the check's OVERLAPPED block; 0, 5 or 100. */
+static int32_t SdwProbeDisk(SDW_RSC *rsc, HANDLE disk, DWORD lun, HANDLE event, OVERLAPPED *ov, int32_t T)
 {
-    OVERLAPPED ov;
     DWORD bytes = 0;
 
-    memset(&ov, 0, sizeof(ov));
-    ov.hEvent = event;
+    memset(ov, 0, sizeof(*ov));
+    ov->hEvent = event;
     if (!ResetEvent(event)) {
         MONLOG(QMTLOG_ERROR, "ResetEvent(OverLap) failed. (Name=%s Hdl=%#x LUN=%d Err=%d)", rsc->name, SDW_HDL(event),
                (int)lun, (int)GetLastError());
     }
-    if (DeviceIoControl(disk, SDW_IOCTL_CHECK_VERIFY, NULL, 0, NULL, 0, NULL, &ov)) {
+    if (DeviceIoControl(disk, SDW_IOCTL_CHECK_VERIFY, NULL, 0, NULL, 0, NULL, ov)) {
         return 0;
     }
     DWORD err = GetLastError();
@@ -142,16 +147,20 @@ static int32_t SdwProbeDisk(SDW_RSC *rsc, HANDLE disk, DWORD lun, HANDLE event, 
     if (WaitForSingleObject(event, INFINITE) != WAIT_OBJECT_0) {
         MONLOG(QMTLOG_WARNING, "I/O pending failed. (Name=%s Hdl=%#x LUN=%d Err=%d)", rsc->name, SDW_HDL(disk),
                (int)lun, (int)GetLastError());
+        /* A cancelled request still writes its OVERLAPPED block when it ends, so the block and
+         * the handle may go only after the cancellation has finished. */
+        CancelIo(disk);
+        GetOverlappedResult(disk, ov, &bytes, TRUE);
         return SDW_ERR_WAIT;
     }
     MONLOG(QMTLOG_TRACE, "I/O pending completed. (Name=%s Hdl=%#x LUN=%d)", rsc->name, SDW_HDL(disk), (int)lun);
 
-    if (!GetOverlappedResult(disk, &ov, &bytes, FALSE)) {
+    if (!GetOverlappedResult(disk, ov, &bytes, FALSE)) {
         MONLOG(QMTLOG_ERROR, "GetOverlappedResult() failed. (Name=%s Hdl=%#x LUN=%d TransByts=%d Err=%d)", rsc->name,
                SDW_HDL(disk), (int)lun, (int)bytes, (int)GetLastError());
         return SDW_ERR_IO;
     }
-    SdwLogProbeResult(rsc, "SdwMonitor", &ov, bytes, lun);
+    SdwLogProbeResult(rsc, "SdwMonitor", ov, bytes, lun);
     return 0;
 }
 
@@ -167,6 +176,8 @@ int32_t SdwMonitor(SDW_RSC *rsc)
 {
     int32_t status = 0;
     HANDLE event;
+    /* One block for every probe of the check; no request outlives it. */
+    OVERLAPPED ov;
     DWORD check_start;
     int32_t ratio = 0;
     char ratio_extra[16];
@@ -246,12 +257,12 @@ int32_t SdwMonitor(SDW_RSC *rsc)
 
         MONLOG(QMTLOG_TRACE, "*** I/O start. (Name=%s Hdl=%#x LUN=%d Tick=%d Time=%dsec)", rsc->name, SDW_HDL(disk),
                (int)lun, (int)lap_start, T);
-        status = SdwProbeDisk(rsc, disk, lun, event, T);
+        status = SdwProbeDisk(rsc, disk, lun, event, &ov, T);
         if (status != 0) {
             break;
         }
         MONLOG(QMTLOG_TRACE, "*** I/O end. (Name=%s Hdl=%#x LUN=%d Tick=%ld Time=%dsec)", rsc->name, SDW_HDL(disk),
-               (int)lun, (long)GetTickCount(), T);
+               (int)lun, SDW_LONG(GetTickCount()), T);
 
         DWORD now = GetTickCount();
         DWORD elapsed = now - lap_start;

@@ -31,7 +31,7 @@ extern "C" DWORD WINAPI InitNpRscDll(const char *DllName, int DllType, DWORD Exe
 
     QmtLogOpen(SDW_MODULE_NAME, &gsdwhLog, SDW_DEFAULT_LOG_LEVEL, SDW_DEFAULT_LOG_SIZE, 0, SDW_LOG_MUTEX_NAME);
     if (gsdwlpVersion == NULL) {
-        SdwWriteBanner(FALSE);
+        SdwWriteBanner(__func__, FALSE);
     }
     SDWLOG(SDW_NORSC, QMTLOG_INFO, "Start - (DllName=%s DllType=%#x ExecMode=%#x)", SDW_SHOW(DllName), DllType,
            ExecMode);
@@ -76,7 +76,7 @@ extern "C" DWORD WINAPI InitNpRscDll(const char *DllName, int DllType, DWORD Exe
 
 failed:
     result = SDW_ERR_INIT;
-    SdwReleaseConfigStore(gsdwNpPolicies, SDW_NP_POLICIES);
+    SdwReleaseConfigStore(__func__, gsdwNpPolicies, SDW_NP_POLICIES);
     rc = shmcm_detach();
     if (rc != 0) {
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmcm_detach() failed. (Ret=%d)", rc);
@@ -125,7 +125,7 @@ extern "C" DWORD WINAPI UninitNpRscDll(const char *DllName, int DllType, DWORD E
         DWORD status = NpMontrStatusChange("sdw", rsc->name, SDW_CTRL_STOP);
         if (status != 0) {
             SDWLOG(SDW_NORSC, QMTLOG_ERROR, "NpMontrStatusChange() failed. (Ret=%d TdHdl=%#x Tid=%#x Name=%s)",
-                   (int)status, SDW_HDL(rsc->thread), (unsigned)rsc->thread_id, rsc->name);
+                   (int)status, SDW_HDL(SdwLoad(rsc->thread)), (unsigned)rsc->thread_id, rsc->name);
             stop_failed = TRUE;
         }
     }
@@ -137,26 +137,26 @@ extern "C" DWORD WINAPI UninitNpRscDll(const char *DllName, int DllType, DWORD E
     if (rc != 0) {
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmcm_detach() failed. (Ret=%d)", rc);
     }
-    SdwReleaseConfigStore(gsdwNpPolicies, SDW_NP_POLICIES);
+    SdwReleaseConfigStore(__func__, gsdwNpPolicies, SDW_NP_POLICIES);
 
     /* What a stop left behind; after the stops above normally nothing. */
     for (uint32_t i = 0; i < gsdwRscCount; i++) {
         SDW_RSC *rsc = &gsdwlpRsc[i];
-        SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Closing of timer... (Name=%s Hdl=%#x)", rsc->name, SDW_HDL(rsc->timer));
-        if (rsc->timer != NULL) {
-            CancelWaitableTimer(rsc->timer);
-            if (!CloseHandle(rsc->timer)) {
-                SDWLOG(SDW_NORSC, QMTLOG_ERROR, "CloseHandle() failed. (Hdl=%#x Err=%d)", SDW_HDL(rsc->timer),
+        SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Closing of timer... (Name=%s Hdl=%#x)", rsc->name, SDW_HDL(SdwLoad(rsc->timer)));
+        if (SdwLoad(rsc->timer) != NULL) {
+            CancelWaitableTimer(SdwLoad(rsc->timer));
+            if (!CloseHandle(SdwLoad(rsc->timer))) {
+                SDWLOG(SDW_NORSC, QMTLOG_ERROR, "CloseHandle() failed. (Hdl=%#x Err=%d)", SDW_HDL(SdwLoad(rsc->timer)),
                        (int)GetLastError());
             }
-            rsc->timer = NULL;
+            SdwStore(rsc->timer, (HANDLE)NULL);
         }
-        if (rsc->term_event != NULL) {
-            if (!CloseHandle(rsc->term_event)) {
-                SDWLOG(SDW_NORSC, QMTLOG_ERROR, "CloseHandle() failed. (Hdl=%#x Err=%d)", SDW_HDL(rsc->term_event),
+        if (SdwLoad(rsc->term_event) != NULL) {
+            if (!CloseHandle(SdwLoad(rsc->term_event))) {
+                SDWLOG(SDW_NORSC, QMTLOG_ERROR, "CloseHandle() failed. (Hdl=%#x Err=%d)", SDW_HDL(SdwLoad(rsc->term_event)),
                        (int)GetLastError());
             }
-            rsc->term_event = NULL;
+            SdwStore(rsc->term_event, (HANDLE)NULL);
         }
     }
     SdwFreeTable();
@@ -176,7 +176,7 @@ exit:
 }
 
 /* Reads one integer setting of a resource afresh; 0 when read. */
-static int SdwNpReloadInt(SDW_RSC *rsc, const char *item, int level, int32_t *value)
+static int SdwNpReloadInt(const char *function, SDW_RSC *rsc, const char *item, int level, int32_t *value)
 {
     char key[SDW_KEY_SIZE];
     int size = (int)sizeof(*value);
@@ -186,9 +186,9 @@ static int SdwNpReloadInt(SDW_RSC *rsc, const char *item, int level, int32_t *va
     int rc = xmllib_get_value(key, XMLLIB_KIND_INT, value, &size);
     if (rc != 0) {
         if (level == QMTLOG_ERROR) {
-            SDWLOG(rsc->name, QMTLOG_ERROR, "xmllib_get_value() failed. (Ret=%#x key=%s)", rc, key);
+            SDWLOGAS(function, rsc->name, QMTLOG_ERROR, "xmllib_get_value() failed. (Ret=%#x key=%s)", rc, key);
         } else {
-            SDWLOG(rsc->name, QMTLOG_WARNING, "xmllib_get_value() failed. (Ret=%#x key=%s)", rc, key);
+            SDWLOGAS(function, rsc->name, QMTLOG_WARNING, "xmllib_get_value() failed. (Ret=%#x key=%s)", rc, key);
         }
     }
     return rc;
@@ -238,7 +238,7 @@ extern "C" DWORD WINAPI DoNpMontr(const char *Type, const char *Name) noexcept
     }
 
     /* The worker takes both settings at its next cycle. */
-    if (SdwNpReloadInt(rsc, "timeout", QMTLOG_WARNING, &value) == 0) {
+    if (SdwNpReloadInt(__func__, rsc, "timeout", QMTLOG_WARNING, &value) == 0) {
         if (value != SdwLoad(rsc->timeout)) {
             SDWLOG(rsc->name, QMTLOG_INFO, "changed polling timeout. (%d->%d)", SdwLoad(rsc->timeout), value);
         }
@@ -249,7 +249,7 @@ extern "C" DWORD WINAPI DoNpMontr(const char *Type, const char *Name) noexcept
         }
         SdwStore(rsc->timeout, value);
     }
-    if (SdwNpReloadInt(rsc, "interval", QMTLOG_ERROR, &value) == 0) {
+    if (SdwNpReloadInt(__func__, rsc, "interval", QMTLOG_ERROR, &value) == 0) {
         if (value != SdwLoad(rsc->interval)) {
             SDWLOG(rsc->name, QMTLOG_INFO, "changed polling interval. (%d->%d)", SdwLoad(rsc->interval), value);
         }
@@ -270,9 +270,10 @@ extern "C" DWORD WINAPI DoNpMontr(const char *Type, const char *Name) noexcept
     }
     SdwStore(gsdwTimeoutRatio, ratio);
 
-    /* A cycle that has run for twice the larger setting, scaled, has stalled. */
+    /* A cycle that has run for twice the larger setting, scaled, has stalled. The ratio is kept
+     * as read, but a ratio below 1 would make every running cycle look stalled. */
     larger = SdwLoad(rsc->timeout) > SdwLoad(rsc->interval) ? SdwLoad(rsc->timeout) : SdwLoad(rsc->interval);
-    limit = (uint32_t)larger * (uint32_t)ratio * SDW_STALL_FACTOR;
+    limit = (uint32_t)larger * (uint32_t)(ratio < 1 ? 1 : ratio) * SDW_STALL_FACTOR;
     mon_tick = SdwGetMonTick(rsc);
     elapsed = SdwGetTick() - mon_tick;
     if (mon_tick != 0 && elapsed >= limit) {

@@ -19,7 +19,7 @@ int32_t SdwGetNpConfig(void)
 
     SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Start - ()");
 
-    ret = SdwStartTable(SDW_KEY_DELAY_HEARTBEAT, "networkpartition", "disknp", &names, &count);
+    ret = SdwStartTable(__func__, SDW_KEY_DELAY_HEARTBEAT, "networkpartition", "disknp", &names, &count);
     if (ret != 0) {
         goto exit;
     }
@@ -34,7 +34,7 @@ int32_t SdwGetNpConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/networkpartition/disknp@%s/timeout", slot);
-        ret = SdwReadResourceInt(key, &value);
+        ret = SdwReadResourceInt(__func__, key, &value);
         if (ret != 0) {
             break;
         }
@@ -47,7 +47,7 @@ int32_t SdwGetNpConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/networkpartition/disknp@%s/interval", slot);
-        ret = SdwReadResourceInt(key, &value);
+        ret = SdwReadResourceInt(__func__, key, &value);
         if (ret != 0) {
             break;
         }
@@ -60,7 +60,7 @@ int32_t SdwGetNpConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/networkpartition/disknp@%s/count", slot);
-        ret = SdwReadResourceInt(key, &value);
+        ret = SdwReadResourceInt(__func__, key, &value);
         if (ret != 0) {
             break;
         }
@@ -72,7 +72,7 @@ int32_t SdwGetNpConfig(void)
 
         memset(key, 0, sizeof(key));
         snprintf(key, sizeof(key), "/root/networkpartition/disknp@%s/device", slot);
-        ret = SdwReadResourceInt(key, &value);
+        ret = SdwReadResourceInt(__func__, key, &value);
         if (ret != 0) {
             break;
         }

@@ -26,7 +26,7 @@ static void SdwNpDropProbe(SDW_RSC *rsc, HANDLE *handles, DWORD slot)
     if (CancelIo(device)) {
         return;
     }
-    NPLOG(QMTLOG_WARNING, "CancelIo() failed. (Name=%s Hdl=%#x Err=%d)", rsc->name, SDW_HDL(device),
+    SDWLOGAS("SdwNpMonitor", rsc->name, QMTLOG_WARNING, "CancelIo() failed. (Name=%s Hdl=%#x Err=%d)", rsc->name, SDW_HDL(device),
           (int)GetLastError());
     SdwStore(handles[slot], INVALID_HANDLE_VALUE);
     CloseHandle(device);
@@ -35,7 +35,8 @@ static void SdwNpDropProbe(SDW_RSC *rsc, HANDLE *handles, DWORD slot)
 /* Poll of the terminate event alone: 0 when it is set, 258 when not, anything else on failure. */
 static DWORD SdwNpPollTerm(SDW_RSC *rsc)
 {
-    return WaitForMultipleObjects(1, &rsc->term_event, FALSE, 0);
+    HANDLE term = SdwLoad(rsc->term_event);
+    return WaitForMultipleObjects(1, &term, FALSE, 0);
 }
 
 unsigned __stdcall SdwNpMonitor(void *arg)
@@ -93,17 +94,17 @@ unsigned __stdcall SdwNpMonitor(void *arg)
             wait_seconds = SdwLoad(rsc->interval);
         }
         due.QuadPart = (LONGLONG)wait_seconds * SDW_TIMER_UNIT;
-        if (!SetWaitableTimer(rsc->timer, &due, 0, NULL, NULL, FALSE)) {
+        if (!SetWaitableTimer(SdwLoad(rsc->timer), &due, 0, NULL, NULL, FALSE)) {
             err = GetLastError();
             SdwSetResult(rsc, SDW_ERR_SYSTEM);
-            NPLOG(QMTLOG_ERROR, "SetWaitableTimer() failed. (Name=%s Hdl=%#x Err=%d)", rsc->name, SDW_HDL(rsc->timer),
+            NPLOG(QMTLOG_ERROR, "SetWaitableTimer() failed. (Name=%s Hdl=%#x Err=%d)", rsc->name, SDW_HDL(SdwLoad(rsc->timer)),
                   (int)err);
             Sleep(SDW_FAILURE_PAUSE);
             continue;
         }
 
-        waits[0] = rsc->term_event;
-        waits[1] = rsc->timer;
+        waits[0] = SdwLoad(rsc->term_event);
+        waits[1] = SdwLoad(rsc->timer);
         rc = WaitForMultipleObjects(2, waits, FALSE, INFINITE);
         if (rc != WAIT_OBJECT_0 && rc != WAIT_OBJECT_0 + 1) {
             err = GetLastError();
@@ -125,7 +126,7 @@ unsigned __stdcall SdwNpMonitor(void *arg)
             err = GetLastError();
             SdwSetResult(rsc, SDW_ERR_SYSTEM);
             NPLOG(QMTLOG_ERROR, "WaitForMultipleObjects(Term) failed. (Name=%s Hdl=%#x Err=%d)", rsc->name,
-                  SDW_HDL(rsc->term_event), (int)err);
+                  SDW_HDL(SdwLoad(rsc->term_event)), (int)err);
             continue;
         }
 
@@ -223,7 +224,7 @@ unsigned __stdcall SdwNpMonitor(void *arg)
 
             start_tick = GetTickCount();
             NPLOG(QMTLOG_TRACE, "*** I/O start. (Name=%s Hdl=%#x LUN=%d Tick=%ld Time=%dsec)", rsc->name,
-                  SDW_HDL(device), (int)lun, (long)start_tick, T);
+                  SDW_HDL(device), (int)lun, SDW_LONG(start_tick), T);
             memset(&ov, 0, sizeof(ov));
             ov.hEvent = probe_event;
             if (!ResetEvent(probe_event)) {
@@ -241,7 +242,7 @@ unsigned __stdcall SdwNpMonitor(void *arg)
                 }
                 NPLOG(QMTLOG_TRACE, "I/O pending. (Name=%s Hdl=%#x LUN=%d Time=%dsec)", rsc->name, SDW_HDL(device),
                       (int)lun, T);
-                waits[0] = rsc->term_event;
+                waits[0] = SdwLoad(rsc->term_event);
                 waits[1] = probe_event;
                 rc = WaitForMultipleObjects(2, waits, FALSE, (DWORD)T * 1000u);
                 if (rc == WAIT_OBJECT_0 || rc == WAIT_ABANDONED_0) {
@@ -287,13 +288,13 @@ unsigned __stdcall SdwNpMonitor(void *arg)
                     err = GetLastError();
                     cycle_status = SDW_ERR_SYSTEM;
                     NPLOG(QMTLOG_ERROR, "I/O pending failed. (Name=%s Hdl[0]=%#x Hdl[1]=%#x LUN=%d Err=%d)", rsc->name,
-                          SDW_HDL(rsc->term_event), SDW_HDL(device), (int)lun, (int)err);
+                          SDW_HDL(SdwLoad(rsc->term_event)), SDW_HDL(device), (int)lun, (int)err);
                     SdwNpDropProbe(rsc, handles, i);
                     break;
                 }
             }
             NPLOG(QMTLOG_TRACE, "*** I/O end. (Name=%s Hdl=%#x LUN=%d Tick=%ld Time=%dsec)", rsc->name,
-                  SDW_HDL(device), (int)lun, (long)GetTickCount(), T);
+                  SDW_HDL(device), (int)lun, SDW_LONG(GetTickCount()), T);
         }
 
         /* Evaluating. */
@@ -358,11 +359,11 @@ end:
  * stay in place while they are read here. */
 static BOOL SdwNpWorkerEnding(SDW_RSC *rsc)
 {
-    return rsc->term_event != NULL && WaitForSingleObject(rsc->term_event, 0) == WAIT_OBJECT_0;
+    return SdwLoad(rsc->term_event) != NULL && WaitForSingleObject(SdwLoad(rsc->term_event), 0) == WAIT_OBJECT_0;
 }
 
 /* Cancels the I/O of every open device slot; `with_name` picks the stop's wording. */
-static void SdwNpCancelDevices(SDW_RSC *rsc, BOOL with_name)
+static void SdwNpCancelDevices(const char *function, SDW_RSC *rsc, BOOL with_name)
 {
     HANDLE *handles = SdwLoad(rsc->device_handles);
     if (handles == NULL || SdwNpWorkerEnding(rsc)) {
@@ -378,20 +379,20 @@ static void SdwNpCancelDevices(SDW_RSC *rsc, BOOL with_name)
         if (!CancelIo(device)) {
             DWORD err = GetLastError();
             if (with_name) {
-                SDWLOG(SDW_NORSC, QMTLOG_WARNING, "CancelIo() failed. (Name=%s Hdl=%#x Err=%d)", rsc->name,
+                SDWLOGAS(function, SDW_NORSC, QMTLOG_WARNING, "CancelIo() failed. (Name=%s Hdl=%#x Err=%d)", rsc->name,
                        SDW_HDL(device), (int)err);
             } else {
-                SDWLOG(SDW_NORSC, QMTLOG_WARNING, "CancelIo() failed. (Hdl=%#x Err=%d)", SDW_HDL(device), (int)err);
+                SDWLOGAS(function, SDW_NORSC, QMTLOG_WARNING, "CancelIo() failed. (Hdl=%#x Err=%d)", SDW_HDL(device), (int)err);
             }
         }
     }
 }
 
-static void SdwCloseField(HANDLE *field)
+static void SdwCloseField(const char *function, HANDLE *field)
 {
-    HANDLE handle = *field;
+    HANDLE handle = SdwLoad(*field);
     if (!CloseHandle(handle)) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "CloseHandle() failed. (Hdl=%#x Err=%d)", SDW_HDL(handle), (int)GetLastError());
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "CloseHandle() failed. (Hdl=%#x Err=%d)", SDW_HDL(handle), (int)GetLastError());
     }
     SdwStore(*field, (HANDLE)NULL);
 }
@@ -403,29 +404,29 @@ int32_t SdwCreateMonitor(SDW_RSC *rsc, SDW_THREAD_FUNC func)
     unsigned thread_id = 0;
 
     SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Start - (Name=%s Thaddr=%#x Hdl=%x Tid=%x Mtx=%x Timer=%x Evt=%x)", rsc->name,
-           SDW_HDL(func), SDW_HDL(rsc->thread), (unsigned)rsc->thread_id, SDW_HDL(rsc->mutex), SDW_HDL(rsc->timer),
-           SDW_HDL(rsc->term_event));
+           SDW_HDL(func), SDW_HDL(SdwLoad(rsc->thread)), (unsigned)rsc->thread_id, SDW_HDL(SdwLoad(rsc->mutex)), SDW_HDL(SdwLoad(rsc->timer)),
+           SDW_HDL(SdwLoad(rsc->term_event)));
 
-    if (rsc->thread != NULL) {
+    if (SdwLoad(rsc->thread) != NULL) {
         goto exit;
     }
-    if (rsc->mutex == NULL) {
-        rsc->mutex = CreateMutexA(NULL, FALSE, NULL);
-        if (rsc->mutex == NULL) {
+    if (SdwLoad(rsc->mutex) == NULL) {
+        SdwStore(rsc->mutex, CreateMutexA(NULL, FALSE, NULL));
+        if (SdwLoad(rsc->mutex) == NULL) {
             SDWLOG(SDW_NORSC, QMTLOG_ERROR, "CreateMutex() failed. (Err=%d)", (int)GetLastError());
             goto undo;
         }
     }
-    if (rsc->timer == NULL) {
-        rsc->timer = CreateWaitableTimerA(NULL, TRUE, NULL);
-        if (rsc->timer == NULL) {
+    if (SdwLoad(rsc->timer) == NULL) {
+        SdwStore(rsc->timer, CreateWaitableTimerA(NULL, TRUE, NULL));
+        if (SdwLoad(rsc->timer) == NULL) {
             SDWLOG(SDW_NORSC, QMTLOG_ERROR, "CreateWaitableTimer() failed. (Err=%d)", (int)GetLastError());
             goto undo;
         }
     }
-    if (rsc->term_event == NULL) {
-        rsc->term_event = CreateEventA(NULL, TRUE, FALSE, NULL);
-        if (rsc->term_event == NULL) {
+    if (SdwLoad(rsc->term_event) == NULL) {
+        SdwStore(rsc->term_event, CreateEventA(NULL, TRUE, FALSE, NULL));
+        if (SdwLoad(rsc->term_event) == NULL) {
             SDWLOG(SDW_NORSC, QMTLOG_ERROR, "CreateEvent() failed. (Err=%d)", (int)GetLastError());
             goto undo;
         }
@@ -441,15 +442,15 @@ int32_t SdwCreateMonitor(SDW_RSC *rsc, SDW_THREAD_FUNC func)
     goto exit;
 
 undo:
-    if (rsc->mutex != NULL) {
-        SdwCloseField(&rsc->mutex);
+    if (SdwLoad(rsc->mutex) != NULL) {
+        SdwCloseField(__func__, &rsc->mutex);
     }
-    if (rsc->timer != NULL) {
-        CancelWaitableTimer(rsc->timer);
-        SdwCloseField(&rsc->timer);
+    if (SdwLoad(rsc->timer) != NULL) {
+        CancelWaitableTimer(SdwLoad(rsc->timer));
+        SdwCloseField(__func__, &rsc->timer);
     }
-    if (rsc->term_event != NULL) {
-        SdwCloseField(&rsc->term_event);
+    if (SdwLoad(rsc->term_event) != NULL) {
+        SdwCloseField(__func__, &rsc->term_event);
     }
     ret = SDW_ERR_SYSTEM;
 
@@ -461,22 +462,23 @@ exit:
 int32_t SdwDestroyMonitor(SDW_RSC *rsc)
 {
     int32_t ret = 0;
+    HANDLE thread;
     DWORD rc;
 
-    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Start - (Name=%s Hdl=%x Tid=%x)", rsc->name, SDW_HDL(rsc->thread),
+    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Start - (Name=%s Hdl=%x Tid=%x)", rsc->name, SDW_HDL(SdwLoad(rsc->thread)),
            (unsigned)rsc->thread_id);
 
-    if (rsc->thread == NULL) {
+    if (SdwLoad(rsc->thread) == NULL) {
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "Not monitoring. (Name=%s Hdl=%#x Tid=%#x)", rsc->name, 0,
                (unsigned)rsc->thread_id);
         goto exit;
     }
-    SdwNpCancelDevices(rsc, TRUE);
+    SdwNpCancelDevices(__func__, rsc, TRUE);
 
     SDWLOG(SDW_NORSC, QMTLOG_INFO, "Waiting for thread termination... (Name=%s Hdl=%#x Tid=%#x)", rsc->name,
-           SDW_HDL(rsc->thread), (unsigned)rsc->thread_id);
-    if (!SetEvent(rsc->term_event)) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SetEvent() failed. (Hdl=%#x Err=%d)", SDW_HDL(rsc->term_event),
+           SDW_HDL(SdwLoad(rsc->thread)), (unsigned)rsc->thread_id);
+    if (!SetEvent(SdwLoad(rsc->term_event))) {
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SetEvent() failed. (Hdl=%#x Err=%d)", SDW_HDL(SdwLoad(rsc->term_event)),
                (int)GetLastError());
         ret = SDW_ERR_SYSTEM;
         goto exit;
@@ -484,38 +486,39 @@ int32_t SdwDestroyMonitor(SDW_RSC *rsc)
 
     /* A worker that does not end in time keeps every object: it still ends by itself, and a
      * later stop waits again and then closes them. */
-    rc = WaitForMultipleObjects(1, &rsc->thread, FALSE, SDW_STOP_WAIT);
+    thread = SdwLoad(rsc->thread);
+    rc = WaitForMultipleObjects(1, &thread, FALSE, SDW_STOP_WAIT);
     if (rc == WAIT_TIMEOUT) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "WaitForMultipleObjects() timeout. (Hdl=%#x Err=%d)", SDW_HDL(rsc->thread),
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "WaitForMultipleObjects() timeout. (Hdl=%#x Err=%d)", SDW_HDL(SdwLoad(rsc->thread)),
                (int)GetLastError());
         ret = SDW_ERR_TIMEOUT;
         goto exit;
     }
     if (rc != WAIT_OBJECT_0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "WaitForMultipleObjects() failed. (Hdl=%#x Err=%d)", SDW_HDL(rsc->thread),
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "WaitForMultipleObjects() failed. (Hdl=%#x Err=%d)", SDW_HDL(SdwLoad(rsc->thread)),
                (int)GetLastError());
         ret = SDW_ERR_SYSTEM;
         goto exit;
     }
-    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "WaitForMultipleObjects() completed. (Hdl=%#x)", SDW_HDL(rsc->thread));
+    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "WaitForMultipleObjects() completed. (Hdl=%#x)", SDW_HDL(SdwLoad(rsc->thread)));
 
-    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Closing of thread handle... (Name=%s Hdl=%#x)", rsc->name, SDW_HDL(rsc->thread));
-    SdwCloseField(&rsc->thread);
+    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Closing of thread handle... (Name=%s Hdl=%#x)", rsc->name, SDW_HDL(SdwLoad(rsc->thread)));
+    SdwCloseField(__func__, &rsc->thread);
 
     SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Closing of terminate event... (Name=%s Hdl=%#x)", rsc->name,
-           SDW_HDL(rsc->term_event));
-    if (!ResetEvent(rsc->term_event)) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "ResetEvent() failed. (Hdl=%#x Err=%d)", SDW_HDL(rsc->term_event),
+           SDW_HDL(SdwLoad(rsc->term_event)));
+    if (!ResetEvent(SdwLoad(rsc->term_event))) {
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "ResetEvent() failed. (Hdl=%#x Err=%d)", SDW_HDL(SdwLoad(rsc->term_event)),
                (int)GetLastError());
     }
-    SdwCloseField(&rsc->term_event);
+    SdwCloseField(__func__, &rsc->term_event);
 
-    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Closing of timer... (Name=%s Hdl=%#x)", rsc->name, SDW_HDL(rsc->timer));
-    CancelWaitableTimer(rsc->timer);
-    SdwCloseField(&rsc->timer);
+    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Closing of timer... (Name=%s Hdl=%#x)", rsc->name, SDW_HDL(SdwLoad(rsc->timer)));
+    CancelWaitableTimer(SdwLoad(rsc->timer));
+    SdwCloseField(__func__, &rsc->timer);
 
-    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Closing of mutex handle... (Name=%s Hdl=%#x)", rsc->name, SDW_HDL(rsc->mutex));
-    SdwCloseField(&rsc->mutex);
+    SDWLOG(SDW_NORSC, QMTLOG_TRACE, "Closing of mutex handle... (Name=%s Hdl=%#x)", rsc->name, SDW_HDL(SdwLoad(rsc->mutex)));
+    SdwCloseField(__func__, &rsc->mutex);
 
 exit:
     SDWLOG(SDW_NORSC, QMTLOG_TRACE, "End - (Ret=%d)", ret);
@@ -545,28 +548,28 @@ int32_t SdwSuspendMontr(SDW_RSC *rsc)
     int32_t T;
     LARGE_INTEGER due;
 
-    SDWLOG(SDW_NORSC, QMTLOG_INFO, "Start - (Name=%s Hdl=%#x Tid=%#x ChkPt=%#x)", rsc->name, SDW_HDL(rsc->thread),
+    SDWLOG(SDW_NORSC, QMTLOG_INFO, "Start - (Name=%s Hdl=%#x Tid=%#x ChkPt=%#x)", rsc->name, SDW_HDL(SdwLoad(rsc->thread)),
            (unsigned)rsc->thread_id, (unsigned)SdwLoad(rsc->check_point));
 
-    if (rsc->thread == NULL) {
+    if (SdwLoad(rsc->thread) == NULL) {
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "Not monitoring. (Hdl=%#x Tid=%#x)", 0, (unsigned)rsc->thread_id);
         goto exit;
     }
-    SdwNpCancelDevices(rsc, FALSE);
+    SdwNpCancelDevices(__func__, rsc, FALSE);
 
     SdwStore(rsc->request, SDW_REQ_SUSPEND);
     SdwStore(rsc->request_pending, 1);
 
     /* A worker waiting out a long interval wakes within a second. */
     due.QuadPart = SDW_TIMER_UNIT;
-    if (!SetWaitableTimer(rsc->timer, &due, 0, NULL, NULL, FALSE)) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SetWaitableTimer() failed. (NaHdl=%#x Err=%d)", SDW_HDL(rsc->timer),
+    if (!SetWaitableTimer(SdwLoad(rsc->timer), &due, 0, NULL, NULL, FALSE)) {
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SetWaitableTimer() failed. (NaHdl=%#x Err=%d)", SDW_HDL(SdwLoad(rsc->timer)),
                (int)GetLastError());
     }
     T = SdwLoad(rsc->timeout);
     ret = SdwNpWaitRequest(rsc, T);
     if (ret != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "Suspend timeout. (Hdl=%#x Tid=%#x Timeout=%d)", SDW_HDL(rsc->thread),
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "Suspend timeout. (Hdl=%#x Tid=%#x Timeout=%d)", SDW_HDL(SdwLoad(rsc->thread)),
                (unsigned)rsc->thread_id, T);
     }
 
@@ -580,7 +583,7 @@ int32_t SdwResumeMontr(SDW_RSC *rsc)
     int32_t ret;
     int32_t T;
 
-    SDWLOG(SDW_NORSC, QMTLOG_INFO, "Start - (Name=%s Hdl=%#x Tid=%#x ChkPt=%#x)", rsc->name, SDW_HDL(rsc->thread),
+    SDWLOG(SDW_NORSC, QMTLOG_INFO, "Start - (Name=%s Hdl=%#x Tid=%#x ChkPt=%#x)", rsc->name, SDW_HDL(SdwLoad(rsc->thread)),
            (unsigned)rsc->thread_id, (unsigned)SdwLoad(rsc->check_point));
 
     /* No test for a worker: a suspended one wakes every second by itself. */
@@ -589,7 +592,7 @@ int32_t SdwResumeMontr(SDW_RSC *rsc)
     SdwStore(rsc->request_pending, 1);
     ret = SdwNpWaitRequest(rsc, T);
     if (ret != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "Resume timeout. (Hdl=%#x Tid=%#x Timeout=%d)", SDW_HDL(rsc->thread),
+        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "Resume timeout. (Hdl=%#x Tid=%#x Timeout=%d)", SDW_HDL(SdwLoad(rsc->thread)),
                (unsigned)rsc->thread_id, T);
     }
 

@@ -9,42 +9,42 @@
 static const char *const gsdwRscPolicies[] = {"sdw", "rm"};
 #define SDW_RSC_POLICIES (sizeof(gsdwRscPolicies) / sizeof(gsdwRscPolicies[0]))
 
-static void SdwDetachShm(void)
+static void SdwDetachShm(const char *function)
 {
     int rc = shmcm_detach();
     if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmcm_detach() failed. (Ret=%d)", rc);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "shmcm_detach() failed. (Ret=%d)", rc);
     }
     rc = shmrm_detach();
     if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmrm_detach() failed. (Ret=%d)", rc);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "shmrm_detach() failed. (Ret=%d)", rc);
     }
 }
 
 /* Closes every record lock, then frees the table. */
-static void SdwReleaseTable(void)
+static void SdwReleaseTable(const char *function)
 {
     if (gsdwlpRsc == NULL) {
         return;
     }
     for (uint32_t i = 0; i < gsdwRscCount; i++) {
         SDW_RSC *rsc = &gsdwlpRsc[i];
-        if (rsc->mutex != NULL) {
-            if (!CloseHandle(rsc->mutex)) {
-                SDWLOG(SDW_NORSC, QMTLOG_ERROR, "CloseHandle() failed. (Hdl=%#x Err=%d)", SDW_HDL(rsc->mutex),
+        if (SdwLoad(rsc->mutex) != NULL) {
+            if (!CloseHandle(SdwLoad(rsc->mutex))) {
+                SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "CloseHandle() failed. (Hdl=%#x Err=%d)", SDW_HDL(SdwLoad(rsc->mutex)),
                        (int)GetLastError());
             }
-            rsc->mutex = NULL;
+            SdwStore(rsc->mutex, (HANDLE)NULL);
         }
     }
     SdwFreeTable();
 }
 
-static void SdwReleaseStringTable(void)
+static void SdwReleaseStringTable(const char *function)
 {
     int rc = QmtUnloadStringTable(gsdwhStringTable);
     if (rc != 0) {
-        SDWLOG(SDW_NORSC, QMTLOG_ERROR, "QmtUnloadStringTable() failed. (Ret=%d)", rc);
+        SDWLOGAS(function, SDW_NORSC, QMTLOG_ERROR, "QmtUnloadStringTable() failed. (Ret=%d)", rc);
     }
     gsdwhStringTable = NULL;
 }
@@ -68,7 +68,7 @@ extern "C" DWORD WINAPI InitRscDll(const char *DllName, int DllType, DWORD ExecM
 
     QmtLogOpen(SDW_MODULE_NAME, &gsdwhLog, SDW_DEFAULT_LOG_LEVEL, SDW_DEFAULT_LOG_SIZE, 0, SDW_LOG_MUTEX_NAME);
     if (gsdwlpVersion == NULL) {
-        SdwWriteBanner(TRUE);
+        SdwWriteBanner(__func__, TRUE);
     }
     SDWLOG(SDW_NORSC, QMTLOG_INFO, "Start - (DllName=%s DllType=%#x ExecMode=%#x)", SDW_SHOW(DllName), DllType,
            ExecMode);
@@ -138,11 +138,11 @@ extern "C" DWORD WINAPI InitRscDll(const char *DllName, int DllType, DWORD ExecM
 failed:
     result = SDW_ERR_INIT;
 unwind:
-    SdwReleaseConfigStore(gsdwRscPolicies, SDW_RSC_POLICIES);
-    SdwDetachShm();
-    SdwReleaseTable();
+    SdwReleaseConfigStore(__func__, gsdwRscPolicies, SDW_RSC_POLICIES);
+    SdwDetachShm(__func__);
+    SdwReleaseTable(__func__);
     if (gsdwhStringTable != NULL) {
-        SdwReleaseStringTable();
+        SdwReleaseStringTable(__func__);
     }
     QmtLogClose(gsdwhLog);
     gsdwhLog = NULL;
@@ -182,10 +182,10 @@ extern "C" DWORD WINAPI UninitRscDll(const char *DllName, int DllType, DWORD Exe
         }
     }
 
-    SdwDetachShm();
-    SdwReleaseConfigStore(gsdwRscPolicies, SDW_RSC_POLICIES);
-    SdwReleaseTable();
-    SdwReleaseStringTable();
+    SdwDetachShm(__func__);
+    SdwReleaseConfigStore(__func__, gsdwRscPolicies, SDW_RSC_POLICIES);
+    SdwReleaseTable(__func__);
+    SdwReleaseStringTable(__func__);
 
     SDWLOG(SDW_NORSC, QMTLOG_INFO, "End - (Ret=%d)", 0);
     QmtLogClose(gsdwhLog);
@@ -208,7 +208,7 @@ void SdwSetShmDescription(SDW_RSC *rsc, const char *text, int32_t length)
 
     SDWLOG(SDW_NORSC, QMTLOG_DETAIL, "Start - (Name=%s Err=%s ErrLen=%d)", rsc->name, text, length);
     /* Held across the write, so that the descriptions of one resource go out one at a time. */
-    ret = SdwMutexLock(rsc->mutex, SDW_RECORD_LOCK_WAIT);
+    ret = SdwMutexLock(SdwLoad(rsc->mutex), SDW_RECORD_LOCK_WAIT);
     if (ret != 0) {
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SdwMutexLock() failed. (Ret=%d)", ret);
     }
@@ -217,7 +217,7 @@ void SdwSetShmDescription(SDW_RSC *rsc, const char *text, int32_t length)
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "shmrm_setdescript() failed. (Ret=%d Name=%s Err=%s ErrLen=%d)", rc, rsc->name,
                text, length);
     }
-    ret = SdwMutexUnlock(rsc->mutex);
+    ret = SdwMutexUnlock(SdwLoad(rsc->mutex));
     if (ret != 0) {
         SDWLOG(SDW_NORSC, QMTLOG_ERROR, "SdwMutexUnlock() failed. (Ret=%d)", ret);
     }
@@ -258,6 +258,13 @@ extern "C" DWORD WINAPI DoMontr(const char *Type, const char *Name) noexcept
         goto exit;
     }
 
+    /* The check keeps its extents and handles in the record, so a second pass on a record whose
+     * pass still runs (two calls for one name, or two resources configured under one name) must
+     * not start a check of its own: it answers the status of the last completed pass. */
+    if (__atomic_exchange_n(&rsc->pass_owned, 1, __ATOMIC_ACQ_REL) != 0) {
+        result = (DWORD)SdwGetResult(rsc);
+        goto exit;
+    }
     SdwSetIsDoMontr(rsc, 1);
     result = (DWORD)SdwMonitor(rsc);
     SdwSetResult(rsc, (int32_t)result);
@@ -267,6 +274,7 @@ extern "C" DWORD WINAPI DoMontr(const char *Type, const char *Name) noexcept
     text[sizeof(text) - 1] = '\0';
     SdwSetShmDescription(rsc, text, (int32_t)sizeof(text));
     SdwSetIsDoMontr(rsc, 0);
+    __atomic_store_n(&rsc->pass_owned, 0, __ATOMIC_RELEASE);
 
 exit:
     SDWLOG(SDW_NORSC, QMTLOG_PASS, "End - (Ret=%d)", (int)result);
