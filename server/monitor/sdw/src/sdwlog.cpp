@@ -95,8 +95,13 @@ void SdwWriteLog(const char *rsc_name, int level, const char *file, int line, co
     /* A log lock that does not come within its wait (a stuck writer) must not stall the caller
      * nor lose the line: the message is then written as it is, without the repeat check, and the
      * suppression list and the last-write tick are left alone, since they belong to the lock. */
-    DWORD wait = WaitForSingleObject(gsdwhLogLock, SDW_LOG_LOCK_WAIT);
+    /* After one wait that ran out, later lines do not wait again until somebody obtains the
+     * lock: a lock that stays held (a stuck writer, or a release that failed) then costs one
+     * wait in all, not one per line, which would stall every pass and worker of the module. */
+    static int32_t lock_lost = 0;
+    DWORD wait = WaitForSingleObject(gsdwhLogLock, SdwLoad(lock_lost) ? 0 : SDW_LOG_LOCK_WAIT);
     BOOL locked = (wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED);
+    SdwStore(lock_lost, locked ? 0 : 1);
 
     memset(text, 0, sizeof(text));
     va_start(args, format);
