@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs, only those that are missing, quietly.
+# deps.sh [build]: installs the Debian packages that are missing, quietly. "build": only what
+# configuring and building the programs needs (the demo); default: also what the tests, the
+# sanitizer runs and the Windows cross-build need.
 set -euo pipefail
-need=(cmake ninja-build g++ clang libclang-rt-14-dev pkg-config libgtest-dev libgmock-dev
-      libbenchmark-dev libpugixml-dev libcli11-dev libblkid-dev libfuse3-dev fuse3
-      g++-mingw-w64-x86-64 gcc-mingw-w64-x86-64 binutils-mingw-w64-x86-64 e2fsprogs util-linux)
+need=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev libcli11-dev
+      nlohmann-json3-dev libblkid-dev libfuse3-dev)
+if [ "${1:-}" != build ]; then
+  need+=(clang libclang-rt-14-dev fuse3 g++-mingw-w64-x86-64 gcc-mingw-w64-x86-64 binutils-mingw-w64-x86-64
+         e2fsprogs util-linux jq)
+fi
 missing=()
 for p in "${need[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -4,15 +4,21 @@
 # test.sh --sanitize thread  the concurrency tests under ThreadSanitizer
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-bash "$root/scripts/deps.sh"
+usage() { sed -n '2,4s/^# //p' "$0"; }
 san=""
-if [ "${1:-}" = "--sanitize" ]; then san=${2:?address or thread}; fi
+case "$#:${1:-}" in
+  0:) ;;
+  2:--sanitize) san=$2 ;;
+  1:-h|1:--help) usage; exit 0 ;;
+  *) echo "test.sh: unknown arguments: $*" >&2; usage >&2; exit 2 ;;
+esac
 case "$san" in
   "")      dir=$root/build;      args=() ; ctest_args=() ;;
   address) dir=$root/build-asan; args=(-DCMAKE_BUILD_TYPE=Debug -DQMT_SANITIZE=address -DQMT_BUILD_BENCH=OFF); ctest_args=(-LE nosan) ;;
   thread)  dir=$root/build-tsan; args=(-DCMAKE_BUILD_TYPE=Debug -DQMT_SANITIZE=thread -DQMT_BUILD_BENCH=OFF);  ctest_args=(-L concurrency) ;;
-  *) echo "unknown sanitizer: $san" >&2; exit 2 ;;
+  *) echo "test.sh: unknown sanitizer: $san (address or thread)" >&2; exit 2 ;;
 esac
+bash "$root/scripts/deps.sh"
 bash "$root/scripts/build.sh" "$dir" -- "${args[@]}"
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}

@@ -2,9 +2,17 @@
 # platform and cluster libraries itself, so both share one process state (sim storage, ticks,
 # shared memory, configuration store).
 find_package(CLI11 CONFIG QUIET)
+find_package(nlohmann_json REQUIRED)
+# The host's status board in shared memory, written by qmtrm and read by qmtstat.
+add_library(qmtrm_board STATIC ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board.cpp)
+target_include_directories(qmtrm_board PUBLIC ${CMAKE_CURRENT_LIST_DIR}
+  ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include ${PROJECT_SOURCE_DIR}/server/platform/include)
+target_link_libraries(qmtrm_board PUBLIC qmtutil)
+
 # Everything but main() and the version resource, so tests can drive the engine with a fake plug-in.
 add_library(qmtrm_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_common.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_check.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_plugin.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_engine.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_run.cpp
@@ -16,7 +24,8 @@ target_include_directories(qmtrm_core PUBLIC
   ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include
   ${PROJECT_SOURCE_DIR}/server/platform/include
   ${PROJECT_SOURCE_DIR}/server/lib/qmtshm)
-target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm qmtutil Threads::Threads ${CMAKE_DL_LIBS})
+target_link_libraries(qmtrm_core PUBLIC qmtwin qmtlog qmtxml qmtshmcm qmtshmrm qmtutil qmtrm_board
+  nlohmann_json::nlohmann_json Threads::Threads ${CMAKE_DL_LIBS})
 if(TARGET CLI11::CLI11)
   target_link_libraries(qmtrm_core PUBLIC CLI11::CLI11)
 endif()

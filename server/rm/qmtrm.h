@@ -30,8 +30,12 @@ struct EnvOptions {
     std::string host;       // QMT_HOSTNAME
     std::string plugin;     // --plugin
 };
-// Exports the non-empty settings; creates the log folder when it is missing.
+// Exports the non-empty settings; creates the log folder (0750) when it is missing. Without a
+// shared-memory name, neither given nor in the environment, sets the default one.
 bool apply_env(const EnvOptions &env, std::string *why);
+
+// The plug-in's log file as the log library picks it ($QMT_LOG_DIR/sdw.log, else the system folder).
+std::string plugin_log_file();
 
 // Status texts from the log library's message table of the plug-in ("sdw").
 void load_status_texts();
@@ -49,6 +53,44 @@ struct ResourceConfig {
 };
 // Reads the resource list and the per-resource timing from the cluster configuration.
 bool read_resources(Service service, std::vector<ResourceConfig> *out, std::string *why);
+
+// What `qmtrm check` finds in the configuration, read as the plug-in reads it for this server.
+enum class Severity { Note, Warning, Error };
+struct Finding {
+    Severity severity;
+    std::string key;   // the configuration key concerned (empty: none)
+    std::string text;
+};
+struct DiskRef {
+    unsigned number = 0;
+    std::string device;  // the device file, where the storage backend knows one
+};
+struct ResourceReport {
+    ResourceConfig config;       // name as the plug-in keeps it (cut to 31), timing as used
+    std::string full_name;       // as enumerated
+    int retries = -1;            // disknp: count
+    int device = -1;             // disknp: device number
+    std::string object;          // sdw: the disk resource watched
+    std::string guid;            // volume (sdw) or device (disknp) GUID
+    bool watches = true;         // false: no volume on this server, the plug-in watches nothing
+    bool resolved = false;       // the GUID was resolved now
+    std::vector<DiskRef> disks;
+    std::vector<Finding> findings;
+};
+struct ConfigReport {
+    Service service = Service::Sdw;
+    std::string server;
+    std::vector<Finding> findings;  // not tied to one resource
+    std::vector<ResourceReport> resources;
+    bool readable = false;          // the resource list could be read
+    int exit_code() const;          // 0 clean, 1 warnings, 2 errors
+};
+// Reads the configuration the way the plug-in's initialisation will. With `resolve`, also
+// resolves each GUID to the disks that hold it now.
+ConfigReport inspect_config(Service service, bool resolve);
+// Text of a report, one block per resource, and its JSON form.
+std::string format_report(const ConfigReport &report);
+std::string report_json(const ConfigReport &report);
 
 // Time-out ratio of the cluster shared memory, at least 1.
 int current_ratio();
@@ -73,7 +115,8 @@ private:
 
 int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_ms, double duration_s,
              bool verbose);
+int check_main(Service service, const EnvOptions &env, bool json);
 int script_main(const std::string &file, const EnvOptions &env);
-int demo_main(Service service, double duration_s, bool verbose, const std::string &plugin);
+int demo_main(Service service, double duration_s, bool verbose, const std::string &plugin, bool keep);
 
 } // namespace qmtrm

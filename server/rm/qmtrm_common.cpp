@@ -2,10 +2,11 @@
 #include "qmtrm.h"
 
 #include "qmtlog.h"
+#include "qmtrm_board.h"
 #include "qmtshm.h"
-#include "qmtxml.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -23,7 +24,8 @@ bool make_dirs(const std::string &path)
     for (size_t i = 0; i <= path.size(); ++i) {
         if (i == path.size() || (path[i] == '/' && i > 0)) {
             partial = path.substr(0, i);
-            if (mkdir(partial.c_str(), 0777) != 0 && errno != EEXIST)
+            // Only our user and its group may read the logs.
+            if (mkdir(partial.c_str(), 0750) != 0 && errno != EEXIST)
                 return false;
         }
     }
@@ -50,9 +52,18 @@ bool apply_env(const EnvOptions &env, std::string *why)
     set("QMT_CONF_DIR", env.conf_dir);
     set("QMT_SIM_FILE", env.sim_file);
     set("QMT_LOG_DIR", env.log_dir);
-    set("QMT_SHM_NAME", env.shm_name);
     set("QMT_HOSTNAME", env.host);
+    set("QMT_SHM_NAME", env.shm_name);
+    const char *shm = std::getenv("QMT_SHM_NAME");
+    if (shm == nullptr || *shm == '\0')
+        set("QMT_SHM_NAME", default_shm_prefix());
     return true;
+}
+
+std::string plugin_log_file()
+{
+    const char *dir = std::getenv("QMT_LOG_DIR");
+    return std::string(dir != nullptr && *dir != '\0' ? dir : "/var/log/qmt") + "/sdw.log";
 }
 
 void load_status_texts()
@@ -84,75 +95,6 @@ std::string status_text(DWORD status)
 const char *service_name(Service service)
 {
     return service == Service::Sdw ? "sdw" : "disknp";
-}
-
-namespace {
-
-bool get_int(const std::string &key, int *value)
-{
-    int32_t v = 0;
-    int size = sizeof v;
-    if (xmllib_get_value(key.c_str(), XMLLIB_KIND_INT, &v, &size) != 0)
-        return false;
-    *value = v;
-    return true;
-}
-
-} // namespace
-
-bool read_resources(Service service, std::vector<ResourceConfig> *out, std::string *why)
-{
-    out->clear();
-    // The host reads on its own account, before the plug-in loads the configuration for itself.
-    if (int rc = xmllib_init("rm"); rc != 0) {
-        *why = "xmllib_init() failed. (Ret=" + std::to_string(rc) + ")";
-        return false;
-    }
-    bool ok = false;
-    do {
-        if (int rc = xmllib_load_config(1); rc != 0) {
-            *why = "xmllib_load_config() failed. (Ret=" + std::to_string(rc) + ")";
-            break;
-        }
-        const std::string list = service == Service::Sdw ? "/root/monitor/sdw" : "/root/networkpartition/disknp";
-        int size = 0;
-        int rc = xmllib_enum_value(list.c_str(), nullptr, &size);
-        if (rc != 0 && rc != 3 && rc != 4) {
-            *why = "xmllib_enum_value() failed. (Ret=" + std::to_string(rc) + " key=" + list + ")";
-            break;
-        }
-        int count = size / XMLLIB_NAME_SLOT;
-        std::vector<char> names(static_cast<size_t>(count) * XMLLIB_NAME_SLOT + 1, '\0');
-        if (count > 0) {
-            size = count * XMLLIB_NAME_SLOT;
-            if ((rc = xmllib_enum_value(list.c_str(), names.data(), &size)) != 0) {
-                *why = "xmllib_enum_value() failed. (Ret=" + std::to_string(rc) + " key=" + list + ")";
-                break;
-            }
-        }
-        for (int i = 0; i < count; ++i) {
-            const char *slot = names.data() + static_cast<size_t>(i) * XMLLIB_NAME_SLOT;
-            ResourceConfig rsc;
-            rsc.name.assign(slot, strnlen(slot, XMLLIB_NAME_SLOT));
-            int value = 0;
-            if (service == Service::Sdw) {
-                if (get_int("/root/monitor/sdw@" + rsc.name + "/polling/interval", &value) && value > 0)
-                    rsc.interval_s = value;
-                if (get_int("/root/monitor/sdw@" + rsc.name + "/polling/timeout", &value) && value > 0)
-                    rsc.timeout_s = value;
-            } else {
-                if (get_int("/root/networkpartition/disknp@" + rsc.name + "/interval", &value) && value > 0)
-                    rsc.interval_s = value;
-                if (get_int("/root/networkpartition/disknp@" + rsc.name + "/timeout", &value) && value > 0)
-                    rsc.timeout_s = value;
-            }
-            out->push_back(rsc);
-        }
-        ok = true;
-    } while (false);
-    xmllib_unload_config();
-    xmllib_term();
-    return ok;
 }
 
 int current_ratio()

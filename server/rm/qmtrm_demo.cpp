@@ -1,6 +1,7 @@
 // qmtrm_demo.cpp - `qmtrm demo`: a self-contained run on simulated disks. It writes its own
 // configuration and disk description into a fresh temporary folder, points the environment there,
 // then polls like `qmtrm run` while a timeline makes disks late, failing, recovered and hung.
+#include "qmtrm_board.h"
 #include "qmtrm_engine.h"
 
 #include "qmtplat.h"
@@ -16,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <random>
 #include <set>
 #include <thread>
@@ -109,6 +111,24 @@ bool write_file(const std::string &path, const std::string &text)
 }
 
 // Removes every POSIX shared-memory object whose name carries this run's prefix.
+// A program installed beside this one, as a command to type: relative to the current folder when
+// it lies below it (build/bin/qmtstat), else the full path.
+std::string sibling_command(const std::string &program)
+{
+    std::error_code ec;
+    std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (ec)
+        return program;
+    std::filesystem::path path = self.parent_path() / program;
+    std::filesystem::path here = std::filesystem::current_path(ec);
+    if (!ec) {
+        std::filesystem::path relative = path.lexically_relative(here);
+        if (!relative.empty() && *relative.begin() != "..")
+            return relative.string();
+    }
+    return path.string();
+}
+
 void unlink_shm(const std::string &prefix)
 {
     DIR *dir = opendir("/dev/shm");
@@ -177,7 +197,7 @@ void sim(const std::string &statement)
 
 } // namespace
 
-int demo_main(Service service, double duration_s, bool verbose, const std::string &plugin_option)
+int demo_main(Service service, double duration_s, bool verbose, const std::string &plugin_option, bool keep)
 {
     // Ctrl-C must still remove the folder and the shared memory: the stop signals are taken by
     // the main loop (blocked before any thread exists, so every thread inherits the mask).
@@ -217,9 +237,12 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
                    write_file(env.conf_dir + "/policy/disknp.xml", kPolicyEmpty) &&
                    write_file(env.conf_dir + "/policy/nm.xml", kPolicyEmpty) &&
                    write_file(env.sim_file, sim_description(service)) && apply_env(env, &why);
+    std::unique_ptr<Board> board;
     auto cleanup = [&] {
+        board.reset();
         unlink_shm(shm_prefix);
-        std::filesystem::remove_all(dir, ec);
+        if (!keep)
+            std::filesystem::remove_all(dir, ec);
     };
     if (!written) {
         std::fprintf(stderr, "qmtrm: demo: cannot prepare %s %s\n", dir.c_str(), why.c_str());
@@ -240,11 +263,22 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
         cleanup();
         return kExitPlugin;
     }
+    std::vector<BoardEntry> rows;
+    for (const ResourceConfig &rsc : resources)
+        rows.push_back(BoardEntry{rsc.name, 0, 0, -1, rsc.interval_s, rsc.timeout_s, 0});
+    board.reset(Board::create(shm_prefix, service_name(service), kHost, rows, &why));
+    if (!board) {
+        std::fprintf(stderr, "qmtrm: demo: %s\n", why.c_str());
+        cleanup();
+        return kExitInit;
+    }
     const std::string log_file = env.log_dir + "/sdw.log";
     std::printf("qmtrm demo (%s), %.0f s\n", service_name(service), duration_s);
-    std::printf("  folder:         %s (removed at the end)\n", dir.c_str());
+    std::printf("  folder:         %s (%s)\n", dir.c_str(), keep ? "kept at the end" : "removed at the end; --keep keeps it");
     std::printf("  plug-in log:    %s\n", log_file.c_str());
-    std::printf("  shared memory:  QMT_SHM_NAME=%s   (watch it: QMT_SHM_NAME=%s qmtstat)\n", shm_prefix, shm_prefix);
+    std::printf("  shared memory:  %s\n", shm_prefix);
+    std::printf("  watch it:       %s --shm-name %s -w 1\n", sibling_command("qmtstat").c_str(), shm_prefix);
+    std::printf("                  tail -f %s\n", log_file.c_str());
     std::printf("  resources:      %s\n\n",
                 service == Service::Sdw ? "sdw1 = disks 0 1 2, sdw2 = disk 3; interval 1 s, time-out 3 s, delay at 50%"
                                         : "np1 = disk 0, np2 = disk 1; interval 1 s, time-out 2 s, 1 retry");
@@ -326,6 +360,7 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
             }
         }
         engine.step();
+        board->publish(engine, service == Service::Disknp);
         read_log();
         timespec tick{0, 50 * 1000 * 1000};
         if (sigtimedwait(&stop_signals, nullptr, &tick) > 0) {

@@ -256,11 +256,8 @@ bool Engine::stop(int stop_wait_ms, std::vector<std::string> *stuck)
                 return false;
         return true;
     });
-    stuck->clear();
-    for (auto &rsc : resources_)
-        if (rsc.busy)
-            stuck->push_back(rsc.config.name);
     lock.unlock();
+    *stuck = busy();
     if (!stuck->empty())
         return false;
     DWORD rc = service_ == Service::Sdw ? plugin_.UninitRscDll("qmtsdw", 0, 0) : plugin_.UninitNpRscDll("qmtsdw", 0, 0);
@@ -299,6 +296,25 @@ std::set<DWORD> Engine::statuses_seen() const
 } // namespace qmtrm
 
 namespace qmtrm {
+
+std::vector<Engine::State> Engine::snapshot() const
+{
+    std::lock_guard lock(mutex_);
+    std::vector<State> out;
+    for (const Resource &rsc : resources_)
+        out.push_back(State{rsc.status, rsc.check_point, rsc.known, rsc.running, rsc.overdue, rsc.started});
+    return out;
+}
+
+std::vector<std::string> Engine::busy() const
+{
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> out;
+    for (const Resource &rsc : resources_)
+        if (rsc.busy)
+            out.push_back(rsc.config.name);
+    return out;
+}
 
 std::vector<Engine::View> Engine::view() const
 {

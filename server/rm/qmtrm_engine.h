@@ -38,6 +38,19 @@ public:
     // Control request for one resource by name (the demo's suspend and resume).
     DWORD control(const std::string &name, int ctrl);
 
+    // What each resource is doing now, in configuration order (the live status view).
+    struct State {
+        DWORD status = 0;
+        BYTE check_point = 0;
+        bool known = false;    // a pass has returned
+        bool running = false;  // a pass is in the plug-in
+        bool overdue = false;
+        Clock::time_point started{};  // of the last pass begun
+    };
+    std::vector<State> snapshot() const;
+    // Resources whose pass is queued or running.
+    std::vector<std::string> busy() const;
+
     uint64_t passes() const;
     int workers() const;
     uint64_t overdue_reports() const;

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <cstdio>
 
 namespace {
@@ -19,6 +20,14 @@ void add_env_options(CLI::App *cmd, qmtrm::EnvOptions *env)
                     "Plug-in file (default: $QMT_PLUGIN, else ../lib/libqmtsdw.so beside the executable)");
 }
 
+// Rejects what a plain range check lets through: NaN compares false with both bounds.
+const CLI::Validator kFinite(
+    [](std::string &text) {
+        double value = std::strtod(text.c_str(), nullptr);
+        return std::isfinite(value) ? std::string() : "not a finite number: " + text;
+    },
+    "FINITE");
+
 qmtrm::Service to_service(const std::string &name)
 {
     return name == "disknp" ? qmtrm::Service::Disknp : qmtrm::Service::Sdw;
@@ -30,9 +39,13 @@ int main(int argc, char **argv)
 {
     CLI::App app{"qmtrm - resource monitor host of the qmtsdw disk-monitor plug-in"};
     app.require_subcommand(1);
-    app.footer("Exit statuses: 0 done; 1 a check failed (script expect, demo step); 2 bad command line or "
-               "script line; 3 plug-in or export not loaded; 4 left with a pass still running; "
-               "5 service or environment not initialised.");
+    app.set_version_flag("--version", "qmtrm " + std::to_string(QMTRM_VERSION_MAJOR) + "." +
+                                          std::to_string(QMTRM_VERSION_MINOR) + "." +
+                                          std::to_string(QMTRM_VERSION_PATCH) + "." +
+                                          std::to_string(QMTRM_VERSION_BUILD));
+    app.footer("Exit statuses: 0 done; 1 a check failed (script expect, demo step), or check found warnings; "
+               "2 bad command line or script line, or check found errors; 3 plug-in or export not loaded; "
+               "4 left with a pass or a call still running; 5 service or environment not initialised.");
 
     qmtrm::EnvOptions env;
     std::string service = "sdw";
@@ -49,9 +62,18 @@ int main(int argc, char **argv)
     run->add_option("--stop-wait", stop_wait_ms, "At stop, how long to wait for running passes (ms)")
         ->check(CLI::Range(0, 600000));
     run->add_option("--duration", run_duration, "Stop by itself after this many seconds (0: run until a signal)")
-        ->check(CLI::Range(0.0, 1e9));
+        ->check(kFinite & CLI::Range(0.0, 1e9));
     run->add_flag("--verbose", verbose, "Print every pass, not only status changes");
     qmtrm::add_health_options(run);
+
+    bool json = false;
+    CLI::App *check = app.add_subcommand("check", "Read the configuration as the plug-in will for this server and "
+                                                  "report each resource, what it resolves to now and every problem");
+    add_env_options(check, &env);
+    check->add_option("--service", service, "Service to check")->check(CLI::IsMember({"sdw", "disknp"}));
+    check->add_flag("--json", json, "One JSON document instead of text");
+    check->footer("Exit statuses: 0 clean; 1 warnings; 2 errors (the initialisation would fail or a resource is "
+                  "not served as configured) or a bad command line.");
 
     std::string script_file;
     CLI::App *script = app.add_subcommand("script", "Run export calls from a script file, one call a line "
@@ -72,7 +94,9 @@ int main(int argc, char **argv)
     std::string demo_plugin;
     CLI::App *demo = app.add_subcommand("demo", "Self-contained demonstration on simulated disks");
     demo->add_option("--duration", demo_duration, "Length of the demonstration in seconds")
-        ->check(CLI::Range(15.0, 600.0));
+        ->check(kFinite & CLI::Range(15.0, 600.0));
+    bool keep = false;
+    demo->add_flag("--keep", keep, "Keep the demo's folder (configuration, disks, logs) at the end");
     demo->add_flag("--verbose", verbose, "Print every pass and the plug-in's log lines");
     demo->add_option("--service", service, "Service to demonstrate")->check(CLI::IsMember({"sdw", "disknp"}));
     demo->add_option("--plugin", demo_plugin, "Plug-in file");
@@ -85,7 +109,9 @@ int main(int argc, char **argv)
     }
     if (*run)
         return qmtrm::run_main(to_service(service), env, threads, stop_wait_ms, run_duration, verbose);
+    if (*check)
+        return qmtrm::check_main(to_service(service), env, json);
     if (*script)
         return qmtrm::script_main(script_file, env);
-    return qmtrm::demo_main(to_service(service), demo_duration, verbose, demo_plugin);
+    return qmtrm::demo_main(to_service(service), demo_duration, verbose, demo_plugin, keep);
 }

@@ -1,10 +1,17 @@
-// qmtstat - shows what the monitors publish in the cluster shared memories: the time-out ratio
-// and, per resource, the last progress code, its age and the last status description.
+// qmtstat - shows what runs on this server: the time-out ratio and, per resource of both
+// services, the host's last status and whether a pass is overdue (from the status board of each
+// `qmtrm run`), the plug-in's progress and description (from the resource shared memory), the
+// check point of a disknp worker, and which process writes it, marked stale when it is gone.
+#include "qmtrm_board.h"
+#include "qmtlog.h"
 #include "qmtshm.h"
 #include "qmtshm_admin.h"
+#include "qmtshm_codes.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +21,10 @@
 #include <vector>
 
 namespace {
+
+enum ExitCode { kOk = 0, kNothing = 1, kUsage = 2, kCorrupt = 3 };
+
+constexpr int kRatioMax = 1000;
 
 const char *progress_name(int code)
 {
@@ -31,98 +42,261 @@ const char *progress_name(int code)
 
 long long now_ms()
 {
-    struct timespec ts {};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
-std::string age_text(long long when_ms, long long now)
+std::string status_text(int status)
 {
-    if (when_ms <= 0)
+    static HANDLE table = [] {
+        HANDLE t = nullptr;
+        return QmtLoadStringTable("sdw", 0, &t) == 0 ? t : nullptr;
+    }();
+    char buffer[256] = {};
+    if (table == nullptr || QmtGetStatusText(table, status, buffer, sizeof buffer, 0) != 0)
+        return {};
+    buffer[sizeof buffer - 1] = '\0';
+    return buffer;
+}
+
+struct Row {
+    std::string service, name;
+    bool known = false;  // a status is on the board
+    int status = 0;
+    int progress = 0;
+    long long age_ms = -1;
+    bool running = false, overdue = false, watches = true;
+    int check_point = -1;
+    int writer_pid = 0;
+    bool stale = false;
+    std::string description;
+};
+
+struct Report {
+    std::string prefix;
+    bool any = false;  // some segment exists
+    int ratio = -1;
+    std::vector<Row> rows;
+    std::vector<std::string> problems;  // corrupt or unreadable segments
+};
+
+Report gather()
+{
+    Report report;
+    report.prefix = qmtrm::shm_prefix();
+    long long now = now_ms();
+    if (shmcm_exists() == 1) {
+        report.any = true;
+        int ratio = 0;
+        if (shmcm_peekratio(&ratio) == 0)
+            report.ratio = ratio;
+        else
+            report.problems.push_back(report.prefix + "_cm: unreadable");
+    }
+    std::vector<QmtShmRmEntry> entries;
+    if (shmrm_exists() == 1) {
+        report.any = true;
+        entries.assign(256, QmtShmRmEntry{});
+        int count = 0;
+        int rc = shmrm_list(entries.data(), static_cast<int>(entries.size()), &count);
+        if (rc == 0 || rc == QMTSHM_E_INSUFFICIENT_BUFFER) {
+            entries.resize(static_cast<size_t>(std::clamp(count, 0, static_cast<int>(entries.size()))));
+        } else {
+            // Keep every entry that was copied before the failure.
+            entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                         [](const QmtShmRmEntry &e) { return e.name[0] == '\0'; }),
+                          entries.end());
+            report.problems.push_back(report.prefix + "_rm: " + std::to_string(entries.size()) +
+                                      " entries readable, then code " + std::to_string(rc));
+        }
+        if (rc == QMTSHM_E_INSUFFICIENT_BUFFER)
+            report.problems.push_back(report.prefix + "_rm: more than " + std::to_string(entries.size()) + " entries");
+    }
+    std::vector<bool> matched(entries.size(), false);
+    for (const char *service : {"sdw", "disknp"}) {
+        const std::string name = qmtrm::board_name(report.prefix, service);
+        qmtrm::BoardView board;
+        std::string why;
+        int rc = qmtrm::read_board(name, &board, &why);
+        if (rc == ENOENT)
+            continue;
+        report.any = true;
+        if (rc != 0)
+            report.problems.push_back(name + ": " + why);
+        bool stale = rc == 0 && !qmtrm::process_alive(board.writer);
+        for (const qmtrm::BoardEntry &e : board.rows) {
+            Row row;
+            row.service = service;
+            row.name = e.name;
+            row.known = (e.flags & qmtrm::kRowKnown) != 0;
+            row.status = e.status;
+            row.running = (e.flags & qmtrm::kRowRunning) != 0;
+            row.watches = (e.flags & qmtrm::kRowNoVolume) == 0;
+            row.check_point = e.check_point;
+            row.writer_pid = board.writer.pid;
+            row.stale = stale;
+            if (e.pass_ms > 0)
+                row.age_ms = std::max(0LL, now - e.pass_ms);
+            // The board's own flag, or a pass that has run past its limit since the writer last
+            // looked (it may be the writer that hangs).
+            int ratio = std::max(1, report.ratio);
+            row.overdue = (e.flags & qmtrm::kRowOverdue) != 0 ||
+                          (row.running && row.age_ms > static_cast<long long>(e.timeout_s) * ratio * 1000);
+            for (size_t i = 0; i < entries.size(); ++i) {
+                if (!matched[i] && row.name == entries[i].name && std::string(service) == "sdw") {
+                    matched[i] = true;
+                    row.progress = entries[i].progress;
+                    row.description = entries[i].descript;
+                    if (entries[i].progress_time_ms > 0)
+                        row.age_ms = std::max(0LL, now - entries[i].progress_time_ms);
+                    break;
+                }
+            }
+            report.rows.push_back(row);
+        }
+    }
+    // Resources the plug-in reports that no running host has on its board (a script, another host).
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (matched[i])
+            continue;
+        Row row;
+        row.service = entries[i].type;
+        row.name = entries[i].name;
+        row.progress = entries[i].progress;
+        row.description = entries[i].descript;
+        if (entries[i].progress_time_ms > 0)
+            row.age_ms = std::max(0LL, now - entries[i].progress_time_ms);
+        report.rows.push_back(row);
+    }
+    return report;
+}
+
+std::string age_text(long long ms)
+{
+    if (ms < 0)
         return "-";
-    long long d = now - when_ms;
-    if (d < 0)
-        d = 0;
     char buf[32];
-    std::snprintf(buf, sizeof buf, "%lld.%01llds", d / 1000, (d % 1000) / 100);
+    std::snprintf(buf, sizeof buf, "%lld.%01llds", ms / 1000, (ms % 1000) / 100);
     return buf;
 }
 
-std::string prefix()
+void print_text(const Report &report)
 {
-    const char *p = std::getenv("QMT_SHM_NAME");
-    std::string s = p && *p ? p : "/qmt";
-    if (s.front() != '/')
-        s.insert(s.begin(), '/');
-    return s;
+    std::printf("shared memory %s, ratio %s\n", report.prefix.c_str(),
+                report.ratio < 0 ? "-" : std::to_string(report.ratio).c_str());
+    std::vector<std::vector<std::string>> table;
+    table.push_back({"SERVICE", "NAME", "STATUS", "PROGRESS", "AGE", "OVERDUE", "CHECK", "WRITER", "DESCRIPTION"});
+    for (const Row &r : report.rows) {
+        std::string status = !r.watches ? "watches nothing"
+                             : r.known  ? std::to_string(r.status) + " " + status_text(r.status)
+                                        : "-";
+        std::string writer = r.writer_pid > 0 ? "pid " + std::to_string(r.writer_pid) + (r.stale ? " stale" : "") : "-";
+        table.push_back({r.service, r.name, status, std::to_string(r.progress) + " " + progress_name(r.progress),
+                         age_text(r.age_ms), r.overdue ? "OVERDUE" : "-",
+                         r.check_point < 0 ? "-" : std::to_string(r.check_point), writer,
+                         r.description.empty() ? "-" : r.description});
+    }
+    std::vector<size_t> width(table.front().size(), 0);
+    for (const auto &line : table)
+        for (size_t c = 0; c < line.size(); ++c)
+            width[c] = std::max(width[c], line[c].size());
+    for (const auto &line : table) {
+        std::string out;
+        for (size_t c = 0; c < line.size(); ++c) {
+            std::string cell = line[c];
+            if (c + 1 < line.size())
+                cell.resize(width[c] + 2, ' ');
+            out += cell;
+        }
+        std::printf("%s\n", out.c_str());
+    }
+    for (const std::string &p : report.problems)
+        std::printf("corrupt: %s\n", p.c_str());
 }
 
-// One report; false when neither segment exists.
-bool report()
+void print_json(const Report &report)
 {
-    bool cm = shmcm_exists() == 1, rm = shmrm_exists() == 1;
-    if (!cm && !rm) {
-        std::fprintf(stderr,
-                     "qmtstat: no cluster shared memory (%s_cm, %s_rm): no monitor has attached yet\n",
-                     prefix().c_str(), prefix().c_str());
-        return false;
+    nlohmann::json rows = nlohmann::json::array();
+    for (const Row &r : report.rows) {
+        rows.push_back({{"service", r.service},
+                        {"name", r.name},
+                        {"status", r.known ? nlohmann::json(r.status) : nlohmann::json()},
+                        {"status_text", r.known ? status_text(r.status) : std::string()},
+                        {"watches", r.watches},
+                        {"progress", r.progress},
+                        {"progress_name", progress_name(r.progress)},
+                        {"age_s", r.age_ms < 0 ? nlohmann::json() : nlohmann::json(r.age_ms / 1000.0)},
+                        {"running", r.running},
+                        {"overdue", r.overdue},
+                        {"check_point", r.check_point < 0 ? nlohmann::json() : nlohmann::json(r.check_point)},
+                        {"writer_pid", r.writer_pid > 0 ? nlohmann::json(r.writer_pid) : nlohmann::json()},
+                        {"stale", r.stale},
+                        {"description", r.description}});
     }
-    int ratio = 0;
-    if (cm && shmcm_peekratio(&ratio) == 0)
-        std::printf("ratio: %d\n", ratio);
-    else
-        std::printf("ratio: (no cluster shared memory)\n");
-    if (!rm) {
-        std::printf("resources: (no resource shared memory)\n");
-        return true;
-    }
-    std::vector<QmtShmRmEntry> v(256);
-    int count = 0;
-    int rc = shmrm_list(v.data(), static_cast<int>(v.size()), &count);
-    if (rc != 0) {
-        std::printf("resources: (unreadable, code %d)\n", rc);
-        return true;
-    }
-    v.resize(static_cast<size_t>(count));
-    std::printf("%-12s %-24s %-14s %-10s %s\n", "TYPE", "NAME", "PROGRESS", "AGE", "DESCRIPTION");
-    long long now = now_ms();
-    for (const QmtShmRmEntry &e : v) {
-        char progress[32];
-        std::snprintf(progress, sizeof progress, "%d %s", e.progress, progress_name(e.progress));
-        std::printf("%-12s %-24s %-14s %-10s %s\n", e.type, e.name, progress,
-                    age_text(e.progress_time_ms, now).c_str(), e.descript);
-    }
-    return true;
+    nlohmann::json out = {{"shm_name", report.prefix},
+                          {"ratio", report.ratio < 0 ? nlohmann::json() : nlohmann::json(report.ratio)},
+                          {"resources", rows},
+                          {"corrupt", report.problems}};
+    // Descriptions come from shared memory: replace what is not UTF-8 rather than fail.
+    std::printf("%s\n", out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char **argv)
 {
-    CLI::App app{"qmtstat: the cluster ratio and each resource's monitoring progress and description.\n"
-                 "The segments are <prefix>_cm and <prefix>_rm, prefix from QMT_SHM_NAME (default /qmt)."};
+    CLI::App app{"qmtstat: the time-out ratio and, per resource of both services, its status, progress, age, "
+                 "overdue flag, check point and writer, from the shared memories of this server."};
+    app.set_version_flag("--version", std::string("qmtstat ") + QMTSTAT_VERSION);
+    app.footer("The shared-memory prefix is --shm-name, else $QMT_SHM_NAME, else /qmt-<uid>-<server> as qmtrm "
+               "run uses it.\nExit statuses: 0 shown; 1 no shared memory, or the ratio not set; 2 bad command "
+               "line; 3 a segment is corrupt (what could be read is shown).");
     int watch = 0;
     int count = 0;
     int ratio = 0;
+    bool json = false;
+    std::string shm_name, host;
+    app.add_option("--shm-name", shm_name, "Shared-memory prefix (as qmtrm --shm-name)");
+    app.add_option("--host", host, "Server name of the default prefix (as qmtrm --host)");
     auto *w = app.add_option("-w,--watch", watch, "Report again every N seconds")->check(CLI::Range(1, 86400));
     app.add_option("-n,--count", count, "Stop after COUNT reports (with --watch)")
         ->check(CLI::Range(1, 1000000))
         ->needs(w);
-    auto *set = app.add_option("--set-ratio", ratio, "Set the cluster time-out ratio and exit");
+    app.add_flag("--json", json, "One JSON document per report");
+    auto *set = app.add_option("--set-ratio", ratio, "Set the cluster time-out ratio (1 to 1000) and exit")
+                    ->check(CLI::Range(1, kRatioMax));
     set->excludes(w);
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        int rc = app.exit(e);
+        return rc == 0 ? kOk : kUsage;
+    }
+    if (!host.empty())
+        setenv("QMT_HOSTNAME", host.c_str(), 1);
+    if (!shm_name.empty())
+        setenv("QMT_SHM_NAME", shm_name.c_str(), 1);
+    // The libraries and the plug-in read the prefix from the environment: give them the default too.
+    setenv("QMT_SHM_NAME", qmtrm::shm_prefix().c_str(), 1);
 
     if (*set) {
         int rc = shmcm_setratio(ratio);
         if (rc != 0) {
-            std::fprintf(stderr, "qmtstat: cannot set the ratio in %s_cm (code %d)\n", prefix().c_str(), rc);
-            return 1;
+            std::fprintf(stderr, "qmtstat: cannot set the ratio in %s_cm (code %d)\n", qmtrm::shm_prefix().c_str(), rc);
+            return kNothing;
         }
         std::printf("ratio: %d\n", ratio);
-        return 0;
+        return kOk;
     }
     for (int n = 1;; ++n) {
-        if (watch > 0) {
+        Report report = gather();
+        if (!report.any) {
+            std::fprintf(stderr, "qmtstat: no shared memory under %s: no monitor has attached yet\n",
+                         report.prefix.c_str());
+            return kNothing;
+        }
+        if (watch > 0 && !json) {
             char stamp[32];
             time_t t = time(nullptr);
             struct tm tmv {};
@@ -130,11 +304,13 @@ int main(int argc, char **argv)
             strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tmv);
             std::printf("--- %s\n", stamp);
         }
-        if (!report())
-            return 1;
+        if (json)
+            print_json(report);
+        else
+            print_text(report);
         std::fflush(stdout);
         if (watch == 0 || (count > 0 && n >= count))
-            return 0;
+            return report.problems.empty() ? kOk : kCorrupt;
         std::this_thread::sleep_for(std::chrono::seconds(watch));
     }
 }

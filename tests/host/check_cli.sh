@@ -1,16 +1,20 @@
 #!/usr/bin/env bash
-# check_cli.sh QMTRM OTHERLIB - exit statuses of bad command lines and bad scripts.
+# check_cli.sh QMTRM OTHERLIB QMTSTAT TEST_SH - exit statuses of bad command lines and bad scripts,
+# of qmtrm and qmtstat alike, and of the test script itself.
 set -u
 qmtrm=$1
 otherlib=$2
+qmtstat=$3
+test_sh=$4
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-cli-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 fail=0
+prefix=()  # what runs the program under test
 # expect STATUS TEXT-IN-OUTPUT -- ARGS...
 expect() {
   local want=$1 text=$2; shift 3
-  "$qmtrm" "$@" >"$work/out" 2>&1
+  "${prefix[@]}" "$qmtrm" "$@" >"$work/out" 2>&1
   local rc=$?
   if [ $rc -ne "$want" ]; then echo "FAIL: qmtrm $* -> $rc, expected $want"; cat "$work/out"; fail=1; fi
   if [ -n "$text" ] && ! grep -qF -- "$text" "$work/out"; then
@@ -34,6 +38,11 @@ expect 2 ""          -- script
 expect 2 ""          -- run --service nosuch
 expect 2 ""          -- run --stop-wait -1
 expect 2 ""          -- demo --duration 3
+expect 0 "qmtrm 1."  -- --version
+expect 2 "not in range 1 to 256" -- run --threads 99999999999
+expect 2 "not a finite number: nan" -- run --duration nan
+expect 2 "not in range 0 to 600000" -- run --stop-wait 4294967296
+expect 2 ""          -- check --service nosuch
 expect 2 "cannot open script" -- script "$work/missing.qmt"
 expect 3 "$work/none.so" -- script --plugin "$work/none.so" "$work/expect.qmt"
 expect 3 "export InitRscDll not found" -- script --plugin "$otherlib" "$work/expect.qmt"
@@ -54,5 +63,19 @@ printf 'InitRscDll\nsim disk 2 hang\nasync DoMontr sdw sdw1\nwait 300\n' >"$work
 printf 'InitRscDll\nsim disk 2 hang\nasync DoMontr sdw sdw1\nDoMontr sdw sdw2\nexpect 5\n' >"$work/hangfail.qmt"
 expect 4 "4: async DoMontr sdw sdw1 (line 3) still running after 300 ms" -- script "$work/hang.qmt"
 expect 1 "line 5: expected 5, got 0" -- script "$work/hangfail.qmt"
+# qmtstat: a bad command line is 2 as for qmtrm; the ratio takes 1 to 1000.
+qmtrm=$qmtstat
+expect 0 "qmtstat 1." -- --version
+expect 2 ""          -- --frobnicate
+for r in 0 -1 1001 1073741824 99999999999; do expect 2 "--set-ratio" -- --set-ratio $r; done
+expect 0 "ratio: 1000" -- --set-ratio 1000
+expect 0 "shared memory /qmtrmcli$$, ratio 1000" --
+# A corrupt board: qmtstat says so and exits 3, still listing what the cluster segment holds.
+printf 'not a board' >"/dev/shm/qmtrmcli$$_host_sdw"
+expect 3 "corrupt: /qmtrmcli$$_host_sdw: not a host status board" --
 for f in /dev/shm/*qmtrmcli$$*; do [ -e "$f" ] && rm -f "$f"; done
+# The test script refuses what it does not know, at once, instead of running the suite.
+prefix=(timeout 20 bash); qmtrm=$test_sh
+expect 2 "unknown arguments: --frobnicate" -- --frobnicate
+expect 0 "--sanitize address" -- --help
 exit $fail

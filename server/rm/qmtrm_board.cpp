@@ -1,0 +1,319 @@
+// qmtrm_board.cpp - the host's status board in shared memory.
+#include "qmtrm_board.h"
+
+#include "qmtutil.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace qmtrm {
+
+namespace {
+
+constexpr uint32_t kMagic = 0x42484d51U;  // "QMHB"
+constexpr uint32_t kVersion = 1;
+constexpr uint32_t kMaxRows = 4096;
+
+struct Header {
+    uint32_t magic;
+    uint32_t version;
+    uint32_t row_size;
+    uint32_t capacity;
+    uint32_t count;
+    int32_t pid;
+    uint64_t start;
+    int64_t started_ms;
+    char service[16];
+    char server[64];
+};
+
+struct Row {
+    char name[64];
+    int32_t status;
+    uint32_t flags;
+    int32_t check_point;
+    int32_t interval_s;
+    int32_t timeout_s;
+    int32_t reserved;
+    int64_t pass_ms;
+};
+
+template <size_t N> void copy_text(char (&to)[N], const std::string &from)
+{
+    std::memset(to, 0, N);
+    std::memcpy(to, from.data(), std::min(from.size(), N - 1));
+}
+
+template <size_t N> std::string read_text(const char (&from)[N])
+{
+    return std::string(from, strnlen(from, N));
+}
+
+int64_t wall_ms()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// Reads what is there; a short file is what the caller checks against the header.
+ssize_t read_all(int fd, void *buffer, size_t size)
+{
+    size_t done = 0;
+    while (done < size) {
+        ssize_t n = pread(fd, static_cast<char *>(buffer) + done, size - done, static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return n < 0 ? -1 : static_cast<ssize_t>(done);
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+std::string holder_text(int fd)
+{
+    Header h{};
+    if (read_all(fd, &h, sizeof h) == static_cast<ssize_t>(sizeof h) && h.magic == kMagic && h.pid > 0)
+        return "qmtrm pid " + std::to_string(h.pid);
+    return "another qmtrm run";
+}
+
+} // namespace
+
+ProcessId self_process()
+{
+    ProcessId me;
+    me.pid = static_cast<int>(getpid());
+    std::ifstream stat("/proc/self/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    // Field 22 is the start time; the command name (field 2) may hold blanks, so count from its ')'.
+    size_t paren = text.rfind(')');
+    if (paren != std::string::npos) {
+        std::istringstream rest(text.substr(paren + 1));
+        std::string field;
+        for (int i = 3; i <= 22 && rest >> field; ++i)
+            if (i == 22)
+                me.start = std::strtoull(field.c_str(), nullptr, 10);
+    }
+    return me;
+}
+
+bool process_alive(const ProcessId &process)
+{
+    if (process.pid <= 0)
+        return false;
+    std::ifstream stat("/proc/" + std::to_string(process.pid) + "/stat");
+    if (!stat)
+        return false;
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    size_t paren = text.rfind(')');
+    if (paren == std::string::npos)
+        return false;
+    std::istringstream rest(text.substr(paren + 1));
+    std::string field;
+    for (int i = 3; i <= 22 && rest >> field; ++i) {
+        if (i == 3 && field == "Z")
+            return false;  // a zombie has left for good
+        if (i == 22)
+            return std::strtoull(field.c_str(), nullptr, 10) == process.start;
+    }
+    return false;
+}
+
+std::string server_name()
+{
+    char buffer[256] = {};
+    if (cs_gethostname(buffer, static_cast<int>(sizeof buffer), 1, nullptr) != 0)
+        return {};
+    return std::string(buffer, strnlen(buffer, sizeof buffer));
+}
+
+std::string default_shm_prefix()
+{
+    // A shared-memory name has no '/' after the first: the server name keeps plain characters.
+    std::string server;
+    for (char c : server_name().substr(0, 64))
+        server += std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_' ? c : '_';
+    return "/qmt-" + std::to_string(geteuid()) + "-" + server;
+}
+
+std::string shm_prefix()
+{
+    const char *shm = std::getenv("QMT_SHM_NAME");
+    std::string prefix = shm != nullptr && *shm != '\0' ? shm : default_shm_prefix();
+    return prefix.front() == '/' ? prefix : "/" + prefix;
+}
+
+std::string board_name(const std::string &prefix, const std::string &service)
+{
+    std::string name = prefix.empty() || prefix.front() != '/' ? "/" + prefix : prefix;
+    return name + "_host_" + service;
+}
+
+Board *Board::create(const std::string &prefix, const std::string &service, const std::string &server,
+                     const std::vector<BoardEntry> &rows, std::string *why)
+{
+    const std::string name = board_name(prefix, service);
+    if (rows.size() > kMaxRows) {
+        *why = "more than " + std::to_string(kMaxRows) + " resources";
+        return nullptr;
+    }
+    // Made anew with O_EXCL; an existing one is taken over only when it is ours and its holder is
+    // gone. The holder keeps an flock on it for its life, which the kernel drops when it dies.
+    int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0 && errno == EEXIST)
+        fd = shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
+    if (fd < 0) {
+        *why = "cannot open the shared memory " + name + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || st.st_uid != geteuid()) {
+        *why = "the shared memory " + name + " belongs to user " + std::to_string(st.st_uid) + ", not to us";
+        close(fd);
+        return nullptr;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        // Its creator may still be writing the header: give it a moment before naming it.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        *why = "the shared memory " + name + " is in use by " + holder_text(fd) +
+               "; stop it first or choose another --shm-name";
+        close(fd);
+        return nullptr;
+    }
+    size_t size = sizeof(Header) + rows.size() * sizeof(Row);
+    if (fchmod(fd, 0600) != 0 || ftruncate(fd, 0) != 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        *why = "cannot size the shared memory " + name + ": " + std::strerror(errno);
+        close(fd);
+        return nullptr;
+    }
+    void *map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (map == MAP_FAILED) {
+        *why = "cannot map the shared memory " + name + ": " + std::strerror(errno);
+        close(fd);
+        return nullptr;
+    }
+    auto *header = static_cast<Header *>(map);
+    auto *table = reinterpret_cast<Row *>(header + 1);
+    for (size_t i = 0; i < rows.size(); ++i) {
+        copy_text(table[i].name, rows[i].name);
+        table[i].status = rows[i].status;
+        table[i].flags = rows[i].flags;
+        table[i].check_point = rows[i].check_point;
+        table[i].interval_s = rows[i].interval_s;
+        table[i].timeout_s = rows[i].timeout_s;
+    }
+    ProcessId me = self_process();
+    header->version = kVersion;
+    header->row_size = sizeof(Row);
+    header->capacity = static_cast<uint32_t>(rows.size());
+    header->count = static_cast<uint32_t>(rows.size());
+    header->pid = me.pid;
+    header->start = me.start;
+    header->started_ms = wall_ms();
+    copy_text(header->service, service);
+    copy_text(header->server, server);
+    std::atomic_ref<uint32_t>(header->magic).store(kMagic, std::memory_order_release);
+
+    Board *board = new Board;
+    board->name_ = name;
+    board->fd_ = fd;
+    board->map_ = map;
+    board->size_ = size;
+    for (const BoardEntry &row : rows)
+        board->base_flags_.push_back(row.flags);
+    return board;
+}
+
+Board::~Board()
+{
+    munmap(map_, size_);
+    shm_unlink(name_.c_str());
+    close(fd_);
+}
+
+void Board::update(size_t index, int status, uint32_t flags, int check_point, int64_t pass_ms)
+{
+    auto *header = static_cast<Header *>(map_);
+    if (index >= header->capacity)
+        return;
+    Row &row = reinterpret_cast<Row *>(header + 1)[index];
+    // Each field is one aligned word; a reader may pair fields of two updates, never see a torn one.
+    std::atomic_ref<int32_t>(row.status).store(status, std::memory_order_relaxed);
+    std::atomic_ref<int32_t>(row.check_point).store(check_point, std::memory_order_relaxed);
+    std::atomic_ref<int64_t>(row.pass_ms).store(pass_ms, std::memory_order_relaxed);
+    std::atomic_ref<uint32_t>(row.flags).store(flags, std::memory_order_release);
+}
+
+int read_board(const std::string &name, BoardView *out, std::string *why)
+{
+    *out = BoardView{};
+    int fd = shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0)
+        return errno;
+    int rc = 0;
+    struct stat st {};
+    Header h{};
+    std::vector<Row> rows;
+    do {
+        if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            rc = EINVAL;
+            *why = "not a shared-memory segment";
+            break;
+        }
+        if (read_all(fd, &h, sizeof h) != static_cast<ssize_t>(sizeof h) || h.magic != kMagic ||
+            h.version != kVersion || h.row_size != sizeof(Row)) {
+            rc = EPROTO;
+            *why = "not a host status board (or one still being set up)";
+            break;
+        }
+        out->writer = ProcessId{h.pid, h.start};
+        out->started_ms = h.started_ms;
+        out->service = read_text(h.service);
+        out->server = read_text(h.server);
+        // Every count is checked against what the file holds, never trusted.
+        uint64_t fits = st.st_size > static_cast<off_t>(sizeof h)
+                            ? (static_cast<uint64_t>(st.st_size) - sizeof h) / sizeof(Row)
+                            : 0;
+        uint64_t count = std::min<uint64_t>({h.count, h.capacity, fits, kMaxRows});
+        if (h.count > h.capacity || h.capacity > fits) {
+            rc = EPROTO;
+            *why = "the board claims " + std::to_string(h.count) + " of " + std::to_string(h.capacity) +
+                   " rows; the segment holds " + std::to_string(fits);
+        }
+        rows.resize(count);
+        ssize_t got = count ? pread(fd, rows.data(), count * sizeof(Row), sizeof h) : 0;
+        rows.resize(got > 0 ? static_cast<size_t>(got) / sizeof(Row) : 0);
+    } while (false);
+    close(fd);
+    for (const Row &r : rows) {
+        BoardEntry e;
+        e.name = read_text(r.name);
+        e.status = r.status;
+        e.flags = r.flags;
+        e.check_point = r.check_point;
+        e.interval_s = r.interval_s;
+        e.timeout_s = r.timeout_s;
+        e.pass_ms = r.pass_ms;
+        out->rows.push_back(e);
+    }
+    return rc;
+}
+
+} // namespace qmtrm

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# check_readme.sh QMTRM SOURCE_DIR - the README's `check` and `run` examples on etc/ work as written
+# from the source folder: check is clean, run polls every resource and stops cleanly.
+set -u
+qmtrm=$1
+cd "$2" || exit 1
+work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-readme-XXXXXX")
+shm="qmtreadme$$x$RANDOM"
+trap 'rm -rf "$work"; rm -f /dev/shm/*"$shm"*' EXIT
+fail=0
+check_line=$(grep -m1 '^build/bin/qmtrm check --conf-dir etc' README.md)
+run_line=$(grep -m1 '^build/bin/qmtrm run --conf-dir etc' README.md)
+[ -n "$check_line" ] && [ -n "$run_line" ] || { echo "FAIL: the README's examples are gone"; exit 1; }
+# The program under test for build/bin/qmtrm, a log folder of the test's own for build/log.
+as_test() { sed "s#^build/bin/qmtrm#$qmtrm#; s#build/log#$work/log#" <<<"$1"; }
+eval "$(as_test "$check_line")" >"$work/check" 2>&1
+rc=$?
+cat "$work/check"
+[ $rc -eq 0 ] && grep -qx clean "$work/check" || { echo "FAIL: check on etc/ -> $rc, not clean"; fail=1; }
+eval "$(as_test "$run_line") --shm-name $shm --duration 1.5" >"$work/run" 2>&1
+rc=$?
+cat "$work/run"
+[ $rc -eq 0 ] || { echo "FAIL: run -> $rc"; fail=1; }
+for r in sdw1 sdw2; do
+  grep -q "$r .*status 0 (Normal)$" "$work/run" || { echo "FAIL: $r not polled"; fail=1; }
+done
+grep -q "every 5 s, time-out 60 s" "$work/run" || { echo "FAIL: sdw1's interval is not the one of etc/"; fail=1; }
+exit $fail
