@@ -1,9 +1,6 @@
 // qmtrm_engine.cpp - the polling engine of `qmtrm run` and `qmtrm demo`.
 #include "qmtrm_engine.h"
 
-#include "qmtshm.h"
-#include "qmtshm_admin.h"
-
 #include <cstdio>
 #include <unordered_set>
 
@@ -56,8 +53,6 @@ Engine::~Engine()
     for (auto &thread : threads_)
         if (thread.joinable())
             thread.join();
-    if (published_)
-        shmrm_detach();
 }
 
 DWORD Engine::start()
@@ -74,13 +69,6 @@ DWORD Engine::start()
                                             std::to_string(rsc.config.interval_s) + " s, time-out " +
                                             std::to_string(rsc.config.timeout_s) + " s");
     }
-    // The host's own view (status, check point, overdue) goes beside what the plug-in publishes;
-    // for disknp it is all there is. Monitoring goes on without it.
-    int attached = shmrm_attach();
-    published_ = attached == 0;
-    if (!published_)
-        reporter_.line("", "shmrm_attach() failed. (Ret=" + std::to_string(attached) +
-                               "): the host's view of each resource is not published");
     std::lock_guard lock(mutex_);
     running_ = true;
     Clock::time_point now = Clock::now();
@@ -93,25 +81,9 @@ DWORD Engine::start()
     return 0;
 }
 
-// Called without mutex_: the shared memory's own lock may take a while.
-void Engine::publish(const Published &view) const
-{
-    if (!published_)
-        return;
-    int flags = (view.known ? QMTSHM_HOST_STATUS : 0) | (view.overdue ? QMTSHM_HOST_OVERDUE : 0) |
-                (service_ == Service::Disknp && view.known ? QMTSHM_HOST_CHECKPOINT : 0);
-    shmrm_sethost(service_name(service_), view.name.c_str(), static_cast<int>(view.status), view.check_point, flags);
-}
-
-Engine::Published Engine::published_view(const Resource &rsc)
-{
-    return Published{rsc.config.name, rsc.status, rsc.check_point, rsc.known, rsc.overdue};
-}
-
 void Engine::step()
 {
     std::vector<std::pair<std::string, std::string>> overdue;  // resource, report
-    std::vector<Published> newly_overdue;
     int ratio = current_ratio();
     {
         std::lock_guard lock(mutex_);
@@ -127,7 +99,6 @@ void Engine::step()
                 if (!rsc.overdue && now - rsc.started >= limit) {
                     rsc.overdue = true;
                     ++overdue_reports_;
-                    newly_overdue.push_back(published_view(rsc));
                     overdue.emplace_back(rsc.config.name,
                                          "OVERDUE: pass running for " +
                                              seconds(std::chrono::duration<double>(now - rsc.started).count()) +
@@ -151,8 +122,6 @@ void Engine::step()
         if (!queue_.empty())
             wake_.notify_all();
     }
-    for (const Published &v : newly_overdue)
-        publish(v);
     for (auto &[resource, report] : overdue)
         reporter_.line(resource, report);
 }
@@ -190,7 +159,6 @@ void Engine::run_pass(size_t index)
     }
     Clock::time_point now = Clock::now();
     std::vector<std::string> lines;
-    Published after;
     {
         std::lock_guard lock(mutex_);
         Resource &rsc = resources_[index];
@@ -220,9 +188,7 @@ void Engine::run_pass(size_t index)
         rsc.next_due += std::chrono::seconds(rsc.config.interval_s);
         if (rsc.next_due < now)
             rsc.next_due = now;
-        after = published_view(rsc);
     }
-    publish(after);
     settled_.notify_all();
     for (auto &line : lines)
         reporter_.line(name, line);

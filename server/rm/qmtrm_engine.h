@@ -1,7 +1,6 @@
 // qmtrm_engine.h - polling of the configured resources: one pass per resource and interval, each
 // on a thread of its own as soon as it is due (the pool grows to the passes running, at most one
-// per resource), with overdue passes reported and held back, and the host's view of each resource
-// published in the resource shared memory.
+// per resource), with overdue passes reported and held back.
 #pragma once
 
 #include "qmtrm.h"
@@ -80,19 +79,8 @@ private:
         double last_pass_s = 0;
     };
 
-    // What the host publishes of a resource.
-    struct Published {
-        std::string name;
-        DWORD status = 0;
-        BYTE check_point = 0;
-        bool known = false;
-        bool overdue = false;
-    };
-    static Published published_view(const Resource &rsc);
-
     void worker_loop();
     void run_pass(size_t index);
-    void publish(const Published &view) const;
 
     const Plugin &plugin_;
     Service service_;
@@ -107,7 +95,6 @@ private:
     std::deque<size_t> queue_;
     std::vector<std::thread> threads_;
     int idle_ = 0;  // threads waiting for a pass
-    bool published_ = false;  // attached to the resource shared memory
     bool ending_ = false;
     bool running_ = false;
     uint64_t passes_ = 0;

@@ -1,5 +1,5 @@
 // The shared memories against what another local user, a damaged segment or a stuck writer can
-// do: modes, owner checks, bounds, bounded waits, the host's claim. The other-user cases run as
+// do: modes, owner checks, bounds, bounded waits. The other-user cases run as
 // `nobody` and need root; they are skipped otherwise.
 #include "cluster_test_util.h"
 #include "qmtshm.h"
@@ -286,46 +286,6 @@ TEST_F(ShmGuard, AWriterGivesUpOnATableHeldTooLong)
     EXPECT_LT(waited, 10.0);
     // The holder is gone: the table is usable again.
     EXPECT_EQ(shmrm_setdescript(nullptr, "sdw", "r1", "Again", 256), 0);
-}
-
-TEST_F(ShmGuard, OneHostClaimsTheSegmentWhileItLives)
-{
-    ASSERT_EQ(shmrm_attach(), 0);
-    ASSERT_EQ(shmrm_claim(nullptr), 0);
-    QmtShmRmInfo info{};
-    ASSERT_EQ(shmrm_info(&info), 0);
-    EXPECT_EQ(info.host_pid, getpid());
-    EXPECT_EQ(info.host_alive, 1);
-    pid_t parent = getpid();
-    // A second process is refused while we hold the claim...
-    EXPECT_EQ(in_child([&] {
-        int holder = 0;
-        return shmrm_attach() == 0 && shmrm_claim(&holder) == QMTSHM_E_IN_USE && holder == parent ? 0 : 1;
-    }), 0);
-    // ...and takes it over from a holder that died without letting go.
-    ASSERT_EQ(shmrm_detach(), 0);
-    EXPECT_EQ(in_child([] { return shmrm_attach() == 0 && shmrm_claim(nullptr) == 0 ? 0 : 1; }), 0);
-    ASSERT_EQ(shmrm_info(&info), 0);
-    EXPECT_NE(info.host_pid, 0);
-    EXPECT_EQ(info.host_alive, 0);
-    ASSERT_EQ(shmrm_attach(), 0);
-    EXPECT_EQ(shmrm_claim(nullptr), 0);
-}
-
-TEST_F(ShmGuard, TheHostsViewIsKeptBesideThePluginsWrites)
-{
-    ASSERT_EQ(shmrm_attach(), 0);
-    ASSERT_EQ(shmrm_sethost("disknp", "np1", 90, 3, QMTSHM_HOST_STATUS | QMTSHM_HOST_CHECKPOINT | QMTSHM_HOST_OVERDUE), 0);
-    ASSERT_EQ(shmrm_setdescript(nullptr, "disknp", "np1", "Timeout", 256), 0);
-    QmtShmRmEntry v[2];
-    int count = 0;
-    ASSERT_EQ(shmrm_list(v, 2, &count), 0);
-    ASSERT_EQ(count, 1);
-    EXPECT_EQ(v[0].status, 90);
-    EXPECT_EQ(v[0].check_point, 3);
-    EXPECT_EQ(v[0].host_flags, QMTSHM_HOST_STATUS | QMTSHM_HOST_CHECKPOINT | QMTSHM_HOST_OVERDUE);
-    EXPECT_GT(v[0].status_time_ms, 0);
-    EXPECT_STREQ(v[0].descript, "Timeout");
 }
 
 }  // namespace

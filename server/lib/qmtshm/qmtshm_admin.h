@@ -19,12 +19,7 @@ QMTSHM_API int shmcm_exists(void);
 /* Reads the ratio without creating the segment; non-zero when it does not exist. */
 QMTSHM_API int shmcm_peekratio(int *ratio);
 
-/* qmtshmrm. The host's own flags for an entry (shmrm_sethost). */
-#define QMTSHM_HOST_STATUS 1      /* `status` holds the status of the resource's last pass */
-#define QMTSHM_HOST_CHECKPOINT 2  /* `check_point` holds the resource's check point (disknp) */
-#define QMTSHM_HOST_OVERDUE 4     /* a pass has been running for longer than its time-out */
-
-/* One resource's entry as a reader sees it. */
+/* qmtshmrm. One resource's entry as a reader sees it. */
 struct QmtShmRmEntry {
     char type[32];
     char name[64];
@@ -37,10 +32,6 @@ struct QmtShmRmEntry {
     int writer_pid;               /* the process that wrote the entry last */
     unsigned long long writer_start; /* its start time, clock ticks after boot */
     int stale;                    /* 1 when that process has gone */
-    int host_flags;               /* QMTSHM_HOST_* */
-    int status;                   /* with QMTSHM_HOST_STATUS */
-    int check_point;              /* with QMTSHM_HOST_CHECKPOINT */
-    long long status_time_ms;     /* wall clock of the host's last shmrm_sethost, 0 if never */
 };
 /* Copies up to max entries in table order; *count receives the number of readable entries in use.
  * Returns QMTSHM_E_DAMAGED when some entries could not be read (the readable ones are still copied),
@@ -54,20 +45,8 @@ struct QmtShmRmInfo {
     int capacity;                 /* entries the table holds */
     int used;                     /* readable entries in use */
     int damaged;                  /* entries that could not be read */
-    int host_pid;                 /* the process holding the claim, 0 if none */
-    unsigned long long host_start;
-    int host_alive;               /* 1 when that process still runs */
 };
 QMTSHM_API int shmrm_info(struct QmtShmRmInfo *info);
-
-/* Claims the segment for this process (attached): fails with QMTSHM_E_IN_USE, *holder_pid set,
- * while another live process holds the claim. The claim ends at this process's last detach or
- * its exit. */
-QMTSHM_API int shmrm_claim(int *holder_pid);
-
-/* The host's view of a resource, kept beside what the plug-in writes: flags QMTSHM_HOST_* tell
- * which of status and check_point hold a value, and whether a pass is overdue. Attached only. */
-QMTSHM_API int shmrm_sethost(const char *type, const char *name, int status, int check_point, int flags);
 
 /* 1 when the resource segment exists, 0 otherwise; never creates it. */
 QMTSHM_API int shmrm_exists(void);

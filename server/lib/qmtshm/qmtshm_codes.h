@@ -8,7 +8,6 @@
 #define QMTSHM_E_NOT_OWNER 5            /* not a regular file of ours, writable by others, or a symlink */
 #define QMTSHM_E_BAD_SEGMENT 13         /* its header is not of this layout, or it was never finished */
 #define QMTSHM_E_NOT_ATTACHED 21        /* detach, or a write, without a matching attach */
-#define QMTSHM_E_IN_USE 32              /* shmrm_claim: another live process holds the segment */
 #define QMTSHM_E_SYSTEM 31              /* shm_open, ftruncate, mmap or a mutex call failed */
 #define QMTSHM_E_INVALID_PARAMETER 87   /* null or over-long type/name, negative length */
 #define QMTSHM_E_INSUFFICIENT_BUFFER 122 /* shmrm_list: more entries than room; *count = total */

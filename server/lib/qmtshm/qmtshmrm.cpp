@@ -1,6 +1,5 @@
 // qmtshmrm.cpp - the resource shared memory: per resource, keyed by monitor type and name, the
-// last progress code and status description, the process that wrote them, and the host's own view
-// of the resource's passes.
+// last progress code and status description, and the process that wrote them.
 #include "qmtshm.h"
 #include "qmtshm_admin.h"
 #include "qmtshm_codes.h"
@@ -250,10 +249,6 @@ void to_entry(const RmData &d, bool stale, QmtShmRmEntry &o)
     o.writer_pid = d.writer_pid;
     o.writer_start = d.writer_start;
     o.stale = stale ? 1 : 0;
-    o.host_flags = static_cast<int>(d.host_flags & (QMTSHM_HOST_STATUS | QMTSHM_HOST_CHECKPOINT | QMTSHM_HOST_OVERDUE));
-    o.status = d.host_status;
-    o.check_point = d.host_check_point;
-    o.status_time_ms = d.host_time_ms;
 }
 
 }  // namespace
@@ -271,12 +266,6 @@ QMTSHM_API int WINAPI shmrm_detach(void)
 {
     Attachment &a = att();
     std::unique_lock lk(a.mu);
-    if (a.refs == 1) {
-        // The last detach gives up this process's claim, if it holds one.
-        RmHeader *s = seg(a);
-        int32_t me = self_pid();
-        s->host_pid.compare_exchange_strong(me, 0, std::memory_order_acq_rel);
-    }
     return detach_locked(a);
 }
 
@@ -305,40 +294,6 @@ QMTSHM_API int WINAPI shmrm_setmonprogress(const char *type, const char *name, i
         d.progress_tick = tick_ms();
         d.progress_time_ms = wall_ms();
     });
-}
-
-QMTSHM_API int shmrm_sethost(const char *type, const char *name, int status, int check_point, int flags)
-{
-    return update(type, name, [&](RmData &d) {
-        d.host_status = status;
-        d.host_check_point = check_point;
-        d.host_flags = static_cast<uint32_t>(flags);
-        d.host_time_ms = wall_ms();
-    });
-}
-
-QMTSHM_API int shmrm_claim(int *holder_pid)
-{
-    Attachment &a = att();
-    std::shared_lock lk(a.mu);
-    if (a.refs == 0)
-        return QMTSHM_E_NOT_ATTACHED;
-    int rc = lock_writer(a);
-    if (rc != 0)
-        return rc;
-    RmHeader *s = seg(a);
-    int32_t pid = s->host_pid.load(std::memory_order_acquire);
-    uint64_t start = s->host_start.load(std::memory_order_acquire);
-    if (pid != 0 && pid != self_pid() && process_alive(pid, start)) {
-        rc = QMTSHM_E_IN_USE;
-        if (holder_pid)
-            *holder_pid = pid;
-    } else {
-        s->host_start.store(self_start(), std::memory_order_release);
-        s->host_pid.store(self_pid(), std::memory_order_release);
-    }
-    pthread_mutex_unlock(&s->mutex);
-    return rc;
 }
 
 QMTSHM_API int shmrm_list(struct QmtShmRmEntry *out, int max, int *count)
@@ -372,9 +327,6 @@ QMTSHM_API int shmrm_info(struct QmtShmRmInfo *info)
         info->capacity = static_cast<int>(snap.capacity);
         info->used = static_cast<int>(snap.entries.size());
         info->damaged = static_cast<int>(snap.damaged);
-        info->host_pid = snap.host_pid;
-        info->host_start = snap.host_start;
-        info->host_alive = snap.host_pid != 0 && process_alive(snap.host_pid, snap.host_start) ? 1 : 0;
         return 0;
     });
 }

@@ -66,12 +66,6 @@ struct RmData {
     int32_t descript_len;
     int32_t writer_pid;     // the process that wrote the entry last
     uint64_t writer_start;  // and its start time (clock ticks after boot), so a reused pid differs
-    // Written by the host, not the plug-in: its view of the resource's last pass.
-    int32_t host_status;
-    int32_t host_check_point;
-    uint32_t host_flags;    // QMTSHM_HOST_* of qmtshm_admin.h
-    int32_t reserved;
-    int64_t host_time_ms;
 };
 inline constexpr size_t kRmWords = sizeof(RmData) / sizeof(uint64_t);
 inline constexpr size_t kKeyWords = (kTypeLen + kNameLen) / sizeof(uint64_t);
@@ -90,10 +84,6 @@ struct RmEntry {
 struct RmHeader {
     Header hdr;
     pthread_mutex_t mutex;  // process-shared, robust: serialises writers
-    // The host that claimed the segment (shmrm_claim), 0 when none: pid and start time.
-    std::atomic<int32_t> host_pid;
-    uint32_t reserved;
-    std::atomic<uint64_t> host_start;
 };
 inline constexpr size_t kRmHeaderSize = (sizeof(RmHeader) + 63) / 64 * 64;
 
@@ -180,8 +170,6 @@ bool sane_entry(RmData &d);
 struct RmSnapshot {
     uint32_t capacity = 0;
     uint32_t damaged = 0;  // entries in use that could not be read or made no sense
-    int32_t host_pid = 0;
-    uint64_t host_start = 0;
     std::vector<RmData> entries;  // in table order, free entries left out
 };
 // Reads a mapped resource segment of `available` bytes. Returns 0, or QMTSHM_E_BAD_SEGMENT when the

@@ -345,11 +345,8 @@ int read_rm(const void *mem, size_t available, RmSnapshot &out)
     long capacity = check_header(mem, available, layout);
     if (capacity < 0)
         return QMTSHM_E_BAD_SEGMENT;
-    const auto *h = static_cast<const RmHeader *>(mem);
     out = {};
     out.capacity = static_cast<uint32_t>(capacity);
-    out.host_pid = h->host_pid.load(std::memory_order_acquire);
-    out.host_start = h->host_start.load(std::memory_order_acquire);
     const RmEntry *entries = rm_entries(mem);
     for (long i = 0; i < capacity; ++i) {
         RmData d;
