@@ -81,9 +81,9 @@ private:
 
 // Loads the configuration and the policies as the plug-in's initialisation does, and releases
 // them in reverse order.
-class ConfigSession {
+class LoadedConfig {
 public:
-    ConfigSession(Service service, std::vector<Finding> *findings)
+    LoadedConfig(Service service, std::vector<Finding> *findings)
     {
         policies_ = service == Service::Sdw ? std::vector<const char *>{"sdw", "rm"}
                                             : std::vector<const char *>{"sdw", "disknp", "nm"};
@@ -109,7 +109,7 @@ public:
         }
         ok_ = true;
     }
-    ~ConfigSession()
+    ~LoadedConfig()
     {
         if (ok_)
             xmllib_unload_config();
@@ -309,8 +309,8 @@ ConfigReport inspect_config(Service service, bool resolve_now)
         r.add(Severity::Error, "", "the server name cannot be read: the initialisation fails");
         return report;
     }
-    ConfigSession session(service, &report.findings);
-    if (!session.ok())
+    LoadedConfig loaded(service, &report.findings);
+    if (!loaded.ok())
         return report;
     read_policy(service, r);
     const std::string list = service == Service::Sdw ? "/root/monitor/sdw" : "/root/networkpartition/disknp";
