@@ -26,7 +26,7 @@ namespace qmtrm {
 namespace {
 
 constexpr uint32_t kMagic = 0x42484d51U;  // "QMHB"
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
 constexpr uint32_t kMaxRows = 4096;
 
 struct Header {
@@ -49,8 +49,10 @@ struct Row {
     int32_t check_point;
     int32_t interval_s;
     int32_t timeout_s;
-    int32_t reserved;
+    uint32_t slowest_ms;
     int64_t pass_ms;
+    uint64_t passes;
+    uint64_t failures;
 };
 
 template <size_t N> void copy_text(char (&to)[N], const std::string &from)
@@ -248,17 +250,20 @@ Board::~Board()
     close(fd_);
 }
 
-void Board::update(size_t index, int status, uint32_t flags, int check_point, int64_t pass_ms)
+void Board::update(size_t index, const BoardEntry &entry)
 {
     auto *header = static_cast<Header *>(map_);
     if (index >= header->capacity)
         return;
     Row &row = reinterpret_cast<Row *>(header + 1)[index];
     // Each field is one aligned word; a reader may pair fields of two updates, never see a torn one.
-    std::atomic_ref<int32_t>(row.status).store(status, std::memory_order_relaxed);
-    std::atomic_ref<int32_t>(row.check_point).store(check_point, std::memory_order_relaxed);
-    std::atomic_ref<int64_t>(row.pass_ms).store(pass_ms, std::memory_order_relaxed);
-    std::atomic_ref<uint32_t>(row.flags).store(flags, std::memory_order_release);
+    std::atomic_ref<int32_t>(row.status).store(entry.status, std::memory_order_relaxed);
+    std::atomic_ref<int32_t>(row.check_point).store(entry.check_point, std::memory_order_relaxed);
+    std::atomic_ref<int64_t>(row.pass_ms).store(entry.pass_ms, std::memory_order_relaxed);
+    std::atomic_ref<uint32_t>(row.slowest_ms).store(entry.slowest_ms, std::memory_order_relaxed);
+    std::atomic_ref<uint64_t>(row.passes).store(entry.passes, std::memory_order_relaxed);
+    std::atomic_ref<uint64_t>(row.failures).store(entry.failures, std::memory_order_relaxed);
+    std::atomic_ref<uint32_t>(row.flags).store(entry.flags, std::memory_order_release);
 }
 
 int read_board(const std::string &name, BoardView *out, std::string *why)
@@ -311,6 +316,9 @@ int read_board(const std::string &name, BoardView *out, std::string *why)
         e.interval_s = r.interval_s;
         e.timeout_s = r.timeout_s;
         e.pass_ms = r.pass_ms;
+        e.slowest_ms = r.slowest_ms;
+        e.passes = r.passes;
+        e.failures = r.failures;
         out->rows.push_back(e);
     }
     return rc;

@@ -35,6 +35,9 @@ struct BoardEntry {
     int interval_s = 0;
     int timeout_s = 0;
     int64_t pass_ms = 0;    // wall clock (ms since 1970) when the last pass began; 0 before the first
+    uint32_t slowest_ms = 0;  // the longest pass since the run began
+    uint64_t passes = 0;      // passes returned since the run began
+    uint64_t failures = 0;    // of them, those with a status other than 0
 };
 
 struct BoardView {
@@ -66,7 +69,8 @@ public:
     Board(const Board &) = delete;
     Board &operator=(const Board &) = delete;
 
-    void update(size_t index, int status, uint32_t flags, int check_point, int64_t pass_ms);
+    // Writes the row's status fields (not its name or timing) from `entry`.
+    void update(size_t index, const BoardEntry &entry);
     // Copies what the engine's resources (in the order of the rows) are doing now.
     void publish(const Engine &engine, bool check_points);
 

@@ -1,6 +1,7 @@
 // qmtrm_engine.cpp - the polling engine of `qmtrm run` and `qmtrm demo`.
 #include "qmtrm_engine.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <unordered_set>
 
@@ -181,6 +182,9 @@ void Engine::run_pass(size_t index)
         rsc.status = status;
         rsc.check_point = check_point;
         rsc.last_pass_s = took;
+        rsc.slowest_pass_s = std::max(rsc.slowest_pass_s, took);
+        ++rsc.passes;
+        rsc.failures += status != 0 ? 1 : 0;
         rsc.busy = false;
         rsc.running = false;
         // A fixed rate: the next pass is due one interval after this one was due, so that the
@@ -268,7 +272,8 @@ std::vector<Engine::State> Engine::snapshot() const
     std::lock_guard lock(mutex_);
     std::vector<State> out;
     for (const Resource &rsc : resources_)
-        out.push_back(State{rsc.status, rsc.check_point, rsc.known, rsc.running, rsc.overdue, rsc.started});
+        out.push_back(State{rsc.status, rsc.check_point, rsc.known, rsc.running, rsc.overdue, rsc.started,
+                            rsc.last_pass_s, rsc.slowest_pass_s, rsc.passes, rsc.failures});
     return out;
 }
 
@@ -279,15 +284,6 @@ std::vector<std::string> Engine::busy() const
     for (const Resource &rsc : resources_)
         if (rsc.busy)
             out.push_back(rsc.config.name);
-    return out;
-}
-
-std::vector<Engine::View> Engine::view() const
-{
-    std::lock_guard lock(mutex_);
-    std::vector<View> out;
-    for (const auto &rsc : resources_)
-        out.push_back(View{rsc.config.name, rsc.known, rsc.status, rsc.overdue, rsc.last_pass_s});
     return out;
 }
 

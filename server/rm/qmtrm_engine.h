@@ -45,6 +45,10 @@ public:
         bool running = false;  // a pass is in the plug-in
         bool overdue = false;
         Clock::time_point started{};  // of the last pass begun
+        double last_pass_s = 0;       // how long the last pass that returned took
+        double slowest_pass_s = 0;    // the longest pass since the start
+        uint64_t passes = 0;          // passes returned since the start
+        uint64_t failures = 0;        // of them, those that returned a status other than 0
     };
     std::vector<State> snapshot() const;
     // Resources whose pass is queued or running.
@@ -55,15 +59,6 @@ public:
     uint64_t overdue_reports() const;
     std::set<DWORD> statuses_seen() const;
 
-    // Where each resource stands now, in configuration order (the node health reads it).
-    struct View {
-        std::string name;
-        bool known = false;    // a pass has returned since the start
-        DWORD status = 0;      // the last pass's status
-        bool overdue = false;  // the running pass is beyond its time-out
-        double last_pass_s = 0;
-    };
-    std::vector<View> view() const;
 
 private:
     struct Resource {
@@ -77,6 +72,9 @@ private:
         DWORD status = 0;
         BYTE check_point = 0;
         double last_pass_s = 0;
+        double slowest_pass_s = 0;
+        uint64_t passes = 0;
+        uint64_t failures = 0;
     };
 
     void worker_loop();

@@ -3,7 +3,6 @@
 #include "qmtrm_health.h"
 
 #include "qmtplat.h"
-#include "qmtutil.h"
 #include "qmtxml.h"
 
 #include <CLI/CLI.hpp>
@@ -32,15 +31,6 @@ Options options;
 // when the cluster runs, and a hook must not hold the next colour back for long.
 constexpr auto kCommandLimit = std::chrono::seconds(20);
 
-std::string text_value(const std::string &key, int capacity)
-{
-    std::vector<char> buffer(static_cast<size_t>(capacity) + 1, '\0');
-    int size = capacity;
-    if (xmllib_get_value(key.c_str(), XMLLIB_KIND_TEXT, buffer.data(), &size) != 0)
-        return {};
-    return std::string(buffer.data(), strnlen(buffer.data(), static_cast<size_t>(capacity)));
-}
-
 bool int_value(const std::string &key, int *value)
 {
     int32_t v = 0;
@@ -61,10 +51,10 @@ std::string file_stamp(const std::string &path)
            "." + std::to_string(st.st_mtim.tv_nsec);
 }
 
-std::string describe(const Engine::View &v)
+std::string describe(const std::string &name, DWORD status)
 {
-    std::string text = status_text(v.status);
-    return v.name + ": status " + std::to_string(v.status) + (text.empty() ? "" : " (" + text + ")");
+    std::string text = status_text(status);
+    return name + ": status " + std::to_string(status) + (text.empty() ? "" : " (" + text + ")");
 }
 
 } // namespace
@@ -83,24 +73,25 @@ const char *colour_name(Colour colour)
     }
 }
 
-Colour node_colour(const std::vector<Engine::View> &view, const std::vector<HealthResource> &resources,
+Colour node_colour(const std::vector<Engine::State> &states, const std::vector<HealthResource> &resources,
                    std::string *why)
 {
     std::vector<std::string> red, yellow, idle;
     size_t watched = 0, known = 0;
-    for (size_t i = 0; i < view.size() && i < resources.size(); ++i) {
-        const Engine::View &v = view[i];
+    for (size_t i = 0; i < states.size() && i < resources.size(); ++i) {
+        const Engine::State &v = states[i];
+        const std::string &name = resources[i].name;
         if (!resources[i].watching) {
-            idle.push_back(v.name);
+            idle.push_back(name);
             continue;
         }
         ++watched;
         if (v.overdue)
-            red.push_back(v.name + ": pass overdue");
+            red.push_back(name + ": pass overdue");
         else if (v.known && v.status != 0)
-            red.push_back(describe(v));
+            red.push_back(describe(name, v.status));
         else if (v.known && resources[i].delay_s > 0 && v.last_pass_s >= resources[i].delay_s)
-            yellow.push_back(v.name + ": pass delayed");
+            yellow.push_back(name + ": pass delayed");
         known += v.known ? 1 : 0;
     }
     auto join = [](const std::vector<std::string> &parts) {
@@ -115,7 +106,7 @@ Colour node_colour(const std::vector<Engine::View> &view, const std::vector<Heal
         return Colour::Red;
     }
     if (watched == 0) {
-        *why = view.empty() ? "no resource configured"
+        *why = states.empty() ? "no resource configured"
                             : "no resource watches a disk on this server (" + join(idle) + ")";
         return Colour::Yellow;
     }
@@ -141,44 +132,21 @@ void add_health_options(CLI::App *run)
                     "QMT_HEALTH_PREVIOUS and QMT_HEALTH_REASON in its environment");
 }
 
-Health::Health(Service service, const std::vector<ResourceConfig> &resources)
+Health::Health(Service service, const std::vector<BoardEntry> &rows)
 {
-    // Without a command to run the colour is still printed, so the configuration is read always.
-    resources_.resize(resources.size());
-    for (const auto &r : resources)
-        names_.push_back(r.name);
-    if (xmllib_init("rm") != 0)
-        return;
-    if (xmllib_load_config(1) == 0) {
-        char host[256] = {};
-        if (cs_gethostname(host, sizeof host - 1, 0, nullptr) != 0)
-            host[0] = '\0';
-        int delay_ratio = 80;
-        if (service == Service::Sdw && (!int_value("/root/cluster/delaywarn/monitor", &delay_ratio) ||
-                                        static_cast<unsigned>(delay_ratio) > 100))
+    // The plug-in reports a sdw probe as delayed from this share of the scaled time-out;
+    // disknp reports no delays.
+    int delay_ratio = 80;
+    if (service == Service::Sdw && xmllib_init("rm") == 0) {
+        if (xmllib_load_config(1) != 0 || !int_value("/root/cluster/delaywarn/monitor", &delay_ratio) ||
+            static_cast<unsigned>(delay_ratio) > 100)
             delay_ratio = 80;
-        for (size_t i = 0; i < resources.size(); ++i) {
-            const std::string &name = resources[i].name;
-            if (service == Service::Sdw) {
-                std::string object = text_value("/root/monitor/sdw@" + name + "/parameters/object", 32);
-                resources_[i].watching =
-                    !object.empty() &&
-                    !text_value("/root/resource/sd@" + object + "/server@" + host + "/parameters/volumeguid", 63)
-                         .empty();
-                // The plug-in reports a probe as delayed from this share of the scaled time-out.
-                resources_[i].delay_s = delay_ratio / 100.0 * resources[i].timeout_s;
-            } else {
-                int device = 0;
-                resources_[i].watching =
-                    int_value("/root/networkpartition/disknp@" + name + "/device", &device) &&
-                    !text_value("/root/server@" + std::string(host) + "/device@" + std::to_string(device) + "/info",
-                                63)
-                         .empty();
-            }
-        }
+        xmllib_unload_config();
+        xmllib_term();
     }
-    xmllib_unload_config();
-    xmllib_term();
+    for (const BoardEntry &row : rows)
+        resources_.push_back(HealthResource{row.name, (row.flags & kRowNoVolume) == 0,
+                                            service == Service::Sdw ? delay_ratio / 100.0 * row.timeout_s : 0});
 }
 
 Health::~Health()
@@ -197,7 +165,7 @@ void Health::step(const Engine &engine, Reporter &reporter)
     for (auto &r : scaled)
         r.delay_s *= ratio;
     std::string why;
-    Colour colour = node_colour(engine.view(), scaled, &why);
+    Colour colour = node_colour(engine.snapshot(), scaled, &why);
     if (colour != Colour::None && (colour != colour_ || why != why_)) {
         bool changed = colour != colour_;
         reporter.line("", std::string("health ") + colour_name(colour) + ": " + why);

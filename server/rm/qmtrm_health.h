@@ -1,6 +1,7 @@
 // qmtrm_health.h - the node's disk health, as `qmtrm run` publishes it to a cluster manager.
 #pragma once
 
+#include "qmtrm_board.h"
 #include "qmtrm_engine.h"
 
 #include <sys/types.h>
@@ -15,8 +16,9 @@ namespace qmtrm {
 enum class Colour { None, Green, Yellow, Red };
 const char *colour_name(Colour colour);
 
-// What the colour needs to know of a resource beyond the engine's view.
+// What the colour needs to know of a resource beyond the engine's snapshot.
 struct HealthResource {
+    std::string name;
     bool watching = true;     // it has a volume (sdw) or a device (disknp) on this server
     double delay_s = 0;       // a pass at least this long counts as delayed; 0: never
 };
@@ -25,7 +27,7 @@ struct HealthResource {
 // yellow while the only trouble is a delayed pass, green when every watched resource is normal.
 // Resources that watch nothing count for nothing; when none watches anything the colour is yellow,
 // as nothing is known to be healthy. *why names what decided the colour.
-Colour node_colour(const std::vector<Engine::View> &view, const std::vector<HealthResource> &resources,
+Colour node_colour(const std::vector<Engine::State> &states, const std::vector<HealthResource> &resources,
                    std::string *why);
 
 // The options of `qmtrm run` for the health (--health-attribute, --on-change).
@@ -33,9 +35,10 @@ void add_health_options(CLI::App *run);
 
 class Health {
 public:
-    // Reads what the colour needs from the cluster configuration; call it before the plug-in
-    // has loaded the configuration for itself, as read_resources().
-    Health(Service service, const std::vector<ResourceConfig> &resources);
+    // `rows` are the board's rows of the resources (whether each watches anything, its time-out).
+    // Reads the delay ratio from the cluster configuration: call it before the plug-in has loaded
+    // the configuration for itself.
+    Health(Service service, const std::vector<BoardEntry> &rows);
     ~Health();
     Health(const Health &) = delete;
     Health &operator=(const Health &) = delete;
@@ -56,7 +59,6 @@ private:
     void spawn_next(Reporter &reporter);
 
     std::vector<HealthResource> resources_;
-    std::vector<std::string> names_;
     Colour colour_ = Colour::None;
     std::string why_;
     std::deque<Command> queue_;

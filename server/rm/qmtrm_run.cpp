@@ -12,6 +12,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -191,8 +192,15 @@ void Board::publish(const Engine &engine, bool check_points)
         const Engine::State &s = states[i];
         uint32_t flags = base_flags_[i] | (s.known ? kRowKnown : 0) | (s.running ? kRowRunning : 0) |
                          (s.overdue ? kRowOverdue : 0);
-        int64_t started = s.started == Engine::Clock::time_point{} ? 0 : wall_ms(s.started);
-        update(i, static_cast<int>(s.status), flags, check_points ? s.check_point : -1, started);
+        BoardEntry entry;
+        entry.status = static_cast<int>(s.status);
+        entry.flags = flags;
+        entry.check_point = check_points ? s.check_point : -1;
+        entry.pass_ms = s.started == Engine::Clock::time_point{} ? 0 : wall_ms(s.started);
+        entry.slowest_ms = static_cast<uint32_t>(std::min(s.slowest_pass_s * 1000.0, 4294967295.0));
+        entry.passes = s.passes;
+        entry.failures = s.failures;
+        update(i, entry);
     }
 }
 
@@ -253,7 +261,7 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
         std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
         return finish(kExitInit);
     }
-    Health health(service, resources);
+    Health health(service, rows);
     SimFollower sim;
     Plugin plugin;
     if (!load_plugin(plugin_path(env.plugin), &plugin, &why)) {

@@ -16,6 +16,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -71,6 +73,9 @@ struct Row {
     int writer_pid = 0;
     bool stale = false;
     std::string description;
+    bool on_board = false;  // a running host keeps the counts below
+    long long slowest_ms = 0;
+    unsigned long long passes = 0, failures = 0;
 };
 
 struct Report {
@@ -138,6 +143,10 @@ Report gather()
             row.check_point = e.check_point;
             row.writer_pid = board.writer.pid;
             row.stale = stale;
+            row.on_board = true;
+            row.slowest_ms = e.slowest_ms;
+            row.passes = e.passes;
+            row.failures = e.failures;
             if (e.pass_ms > 0)
                 row.age_ms = std::max(0LL, now - e.pass_ms);
             // The board's own flag, or a pass that has run past its limit since the writer last
@@ -244,6 +253,50 @@ void print_json(const Report &report)
     std::printf("%s\n", out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
+// The node_exporter textfile format: one gauge or counter per quantity, one sample per resource.
+void print_prometheus(const Report &report)
+{
+    auto label = [](const std::string &text) {
+        std::string out;
+        for (char c : text) {
+            if (c == '\\' || c == '"')
+                out += '\\';
+            if (c == '\n')
+                out += "\\n";
+            else
+                out += c;
+        }
+        return out;
+    };
+    struct Metric {
+        const char *name, *type, *help;
+        std::function<std::optional<double>(const Row &)> value;
+    };
+    const Metric metrics[] = {
+        {"qmtsdw_status", "gauge", "Status of the last pass (0 normal).",
+         [](const Row &r) { return r.known ? std::optional<double>(r.status) : std::nullopt; }},
+        {"qmtsdw_watching", "gauge", "1 when the resource has a disk on this server to watch.",
+         [](const Row &r) { return std::optional<double>(r.watches ? 1 : 0); }},
+        {"qmtsdw_overdue", "gauge", "1 while a pass runs beyond its time-out.",
+         [](const Row &r) { return std::optional<double>(r.overdue ? 1 : 0); }},
+        {"qmtsdw_last_pass_age_seconds", "gauge", "Seconds since the last pass began.",
+         [](const Row &r) { return r.age_ms < 0 ? std::nullopt : std::optional<double>(r.age_ms / 1000.0); }},
+        {"qmtsdw_slowest_pass_seconds", "gauge", "The longest pass since the monitor started.",
+         [](const Row &r) { return r.on_board ? std::optional<double>(r.slowest_ms / 1000.0) : std::nullopt; }},
+        {"qmtsdw_passes_total", "counter", "Passes since the monitor started.",
+         [](const Row &r) { return r.on_board ? std::optional<double>(r.passes) : std::nullopt; }},
+        {"qmtsdw_failures_total", "counter", "Passes that returned a status other than 0.",
+         [](const Row &r) { return r.on_board ? std::optional<double>(r.failures) : std::nullopt; }},
+    };
+    for (const Metric &m : metrics) {
+        std::printf("# HELP %s %s\n# TYPE %s %s\n", m.name, m.help, m.name, m.type);
+        for (const Row &r : report.rows)
+            if (std::optional<double> v = m.value(r))
+                std::printf("%s{service=\"%s\",resource=\"%s\"} %.15g\n", m.name, label(r.service).c_str(),
+                            label(r.name).c_str(), *v);
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -265,7 +318,12 @@ int main(int argc, char **argv)
     app.add_option("-n,--count", count, "Stop after COUNT reports (with --watch)")
         ->check(CLI::Range(1, 1000000))
         ->needs(w);
-    app.add_flag("--json", json, "One JSON document per report");
+    auto *json_flag = app.add_flag("--json", json, "One JSON document per report");
+    bool prometheus = false;
+    app.add_flag("--prometheus", prometheus,
+                 "The node_exporter textfile format: status, last pass age, slowest pass, passes and failures "
+                 "per resource")
+        ->excludes(json_flag);
     auto *set = app.add_option("--set-ratio", ratio, "Set the cluster time-out ratio (1 to 1000) and exit")
                     ->check(CLI::Range(1, kRatioMax));
     set->excludes(w);
@@ -298,7 +356,7 @@ int main(int argc, char **argv)
                          report.prefix.c_str());
             return kNothing;
         }
-        if (watch > 0 && !json) {
+        if (watch > 0 && !json && !prometheus) {
             char stamp[32];
             time_t t = time(nullptr);
             struct tm tmv {};
@@ -306,7 +364,9 @@ int main(int argc, char **argv)
             strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tmv);
             std::printf("--- %s\n", stamp);
         }
-        if (json)
+        if (prometheus)
+            print_prometheus(report);
+        else if (json)
             print_json(report);
         else
             print_text(report);

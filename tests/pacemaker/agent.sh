@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # agent.sh QMTRM AGENT - the OCF agent alone: its meta-data validates against the OCF DTD of
 # resource-agents, it passes ocf-tester on simulated disks, its monitor fails once the monitor
-# process is gone, and validate-all refuses a bad service. Exit 77: skipped.
+# process is gone, and validate-all refuses a bad service and what `qmtrm check` finds wrong.
+# Exit 77: skipped.
 set -u
 qmtrm=$(realpath "$1")
 agent=$(realpath "$2")
@@ -55,5 +56,9 @@ expect 7 monitor
 expect 6 validate-all OCF_RESKEY_service=nfs
 expect 6 validate-all OCF_RESKEY_conf_dir="$work/none"
 expect 5 validate-all OCF_RESKEY_qmtrm="$work/none"
+# An error that `qmtrm check` finds (a monitor without its disk resource) fails the validation.
+cp -r "$work/conf" "$work/bad"
+sed -i 's|<object>sd1</object>|<object></object>|' "$work/bad/clp.conf"
+expect 6 validate-all OCF_RESKEY_conf_dir="$work/bad"
 [ $fail -eq 0 ] && echo "PASS: agent"
 exit $fail

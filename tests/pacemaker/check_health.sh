@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# check_health.sh QMTRM - the node health of `qmtrm run` without a cluster: the colours follow the
+# check_health.sh QMTRM QMTSTAT - the node health of `qmtrm run` without a cluster: the colours follow the
 # disks of the sim file as it is rewritten (a stand-in attrd_updater records what the cluster
 # would get, the --on-change hook each change), resources that watch nothing count for nothing,
-# and the attribute is removed at a clean stop.
+# and the attribute is removed at a clean stop; `qmtstat --prometheus` shows the failing resource.
 set -u
 qmtrm=$1
+qmtstat=$2
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d "${TMPDIR:-/tmp}/qmthealth-XXXXXX")
 shm="qmthealth$$x$RANDOM"
@@ -47,6 +48,12 @@ pid=$!
 expect_health green "all 2 watched resource(s) normal; watching nothing: sdw3"
 disks "disk 0 fail 1117"
 expect_health red "sdw1: status 5"
+prom=$("$qmtstat" --shm-name "$shm" --prometheus)
+for sample in 'qmtsdw_status{service="sdw",resource="sdw1"} 5' 'qmtsdw_failures_total{service="sdw",resource="sdw1"} [1-9][0-9]*' \
+              'qmtsdw_failures_total{service="sdw",resource="sdw2"} 0' 'qmtsdw_watching{service="sdw",resource="sdw3"} 0' \
+              'qmtsdw_passes_total{service="sdw",resource="sdw2"} [1-9][0-9]*'; do
+  grep -qx -- "$sample" <<<"$prom" || { echo "FAIL: qmtstat --prometheus lacks: $sample"; echo "$prom"; fail=1; }
+done
 disks "disk 0 fail 1117" "disk 3 delay 1500"   # time-out 2 s, delay ratio 50: late from 1 s
 sleep 2.5
 disks "disk 3 delay 1500"
