@@ -26,7 +26,7 @@ foreach(k "/root/monitor/sdw@a/t" "/root/monitor/sdw@x'y/t" "/root/monitor/sdw@a
   math(EXPR i "${i} + 1")
 endforeach()
 # The description parser starts from a description that uses every statement.
-file(MAKE_DIRECTORY ${BIN}/corpus_sim ${BIN}/corpus_xml_api)
+file(MAKE_DIRECTORY ${BIN}/corpus_sim ${BIN}/corpus_xml_api ${BIN}/corpus_shm_reader)
 file(WRITE ${BIN}/corpus_sim/seed0 "# disks\nvolume {6F1C2D3E-0000-4000-8000-000000000001} disks 0 1 2\n"
      "volume 6f1c2d3e-0000-4000-8000-000000000002 extents-error 1\nvolume 6f1c2d3e-0000-4000-8000-000000000002 remove\n"
      "disk 0 ok\ndisk 1 delay 1500\ndisk 2 refuse 21\ndisk 3 fail 1117 after 200\ndisk 4 hang\ndisk 6 stuck\n"
@@ -35,7 +35,7 @@ file(WRITE ${BIN}/corpus_sim/seed0 "# disks\nvolume {6F1C2D3E-0000-4000-8000-000
 file(MAKE_DIRECTORY ${BIN}/corpus_script)
 file(GLOB scripts ${SRC}/../tests/host/scripts/*.qmt)
 file(COPY ${scripts} DESTINATION ${BIN}/corpus_script)
-foreach(t keypath loader xml_api sim script)
+foreach(t keypath loader xml_api sim shm_reader script)
   execute_process(COMMAND ${BIN}/fuzz_${t} -max_total_time=${SECONDS} -print_final_stats=1
                           -artifact_prefix=${BIN}/crash_${t}_ ${BIN}/corpus_${t}
                   RESULT_VARIABLE rc)

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <unordered_set>
 
 namespace qmtrm {
 
@@ -34,9 +35,12 @@ Engine::Engine(const Plugin &plugin, Service service, std::vector<ResourceConfig
     : plugin_(plugin), service_(service), reporter_(reporter), base_threads_(threads < 1 ? 1 : threads),
       verbose_(verbose)
 {
+    // Two passes on one name would share the plug-in's record of that name.
+    std::unordered_set<std::string> names;
     for (auto &config : resources)
-        resources_.push_back(Resource{config});
-    if (static_cast<size_t>(base_threads_) > resources_.size() && !resources_.empty())
+        if (names.insert(config.name).second)
+            resources_.push_back(Resource{config});
+    if (static_cast<size_t>(base_threads_) > resources_.size())
         base_threads_ = static_cast<int>(resources_.size());
 }
 
@@ -71,14 +75,11 @@ DWORD Engine::start()
     Clock::time_point now = Clock::now();
     for (auto &rsc : resources_)
         rsc.next_due = now;
-    for (int i = 0; i < base_threads_; ++i)
-        spawn_worker();
+    for (int i = 0; i < base_threads_; ++i) {
+        threads_.emplace_back([this] { worker_loop(); });
+        ++idle_;
+    }
     return 0;
-}
-
-void Engine::spawn_worker()
-{
-    threads_.emplace_back([this] { worker_loop(); });
 }
 
 void Engine::step()
@@ -90,7 +91,6 @@ void Engine::step()
         if (!running_)
             return;
         Clock::time_point now = Clock::now();
-        bool queued = false;
         for (size_t i = 0; i < resources_.size(); ++i) {
             Resource &rsc = resources_[i];
             if (rsc.busy) {
@@ -99,7 +99,6 @@ void Engine::step()
                 auto limit = std::chrono::seconds(static_cast<int64_t>(rsc.config.timeout_s) * ratio);
                 if (!rsc.overdue && now - rsc.started >= limit) {
                     rsc.overdue = true;
-                    ++stuck_;
                     ++overdue_reports_;
                     overdue.emplace_back(rsc.config.name,
                                          "OVERDUE: pass running for " +
@@ -107,19 +106,21 @@ void Engine::step()
                                              ", beyond its time-out of " +
                                              std::to_string(static_cast<int64_t>(rsc.config.timeout_s) * ratio) +
                                              " s; not polled again until it returns");
-                    // The stuck thread no longer counts: keep the pool's strength for the others.
-                    if (static_cast<int>(threads_.size()) - stuck_ < base_threads_)
-                        spawn_worker();
                 }
                 continue;
             }
             if (now >= rsc.next_due) {
                 rsc.busy = true;
                 queue_.push_back(i);
-                queued = true;
             }
         }
-        if (queued)
+        // A thread for every pass that is due: a pass that hangs holds only its own thread. There
+        // are never more threads than resources, as a resource has at most one pass at a time.
+        while (idle_ < static_cast<int>(queue_.size()) && threads_.size() < resources_.size()) {
+            threads_.emplace_back([this] { worker_loop(); });
+            ++idle_;
+        }
+        if (!queue_.empty())
             wake_.notify_all();
     }
     for (auto &[resource, report] : overdue)
@@ -133,6 +134,7 @@ void Engine::worker_loop()
         wake_.wait(lock, [this] { return ending_ || !queue_.empty(); });
         if (queue_.empty())
             return;
+        --idle_;
         size_t index = queue_.front();
         queue_.pop_front();
         resources_[index].running = true;
@@ -140,6 +142,7 @@ void Engine::worker_loop()
         lock.unlock();
         run_pass(index);
         lock.lock();
+        ++idle_;
     }
 }
 
@@ -164,7 +167,6 @@ void Engine::run_pass(size_t index)
         statuses_.insert(status);
         double took = std::chrono::duration<double>(now - rsc.started).count();
         if (rsc.overdue) {
-            --stuck_;
             rsc.overdue = false;
             lines.push_back("overdue pass returned after " + seconds(took) + ": " + describe(status));
         }
@@ -185,8 +187,11 @@ void Engine::run_pass(size_t index)
         rsc.failures += status != 0 ? 1 : 0;
         rsc.busy = false;
         rsc.running = false;
-        auto interval = std::chrono::seconds(rsc.config.interval_s);
-        rsc.next_due = rsc.started + interval > now ? rsc.started + interval : now;
+        // A fixed rate: the next pass is due one interval after this one was due, so that the
+        // time a pass waited for its turn does not add up from pass to pass.
+        rsc.next_due += std::chrono::seconds(rsc.config.interval_s);
+        if (rsc.next_due < now)
+            rsc.next_due = now;
     }
     settled_.notify_all();
     for (auto &line : lines)

@@ -1,5 +1,6 @@
-// qmtrm_engine.h - polling of the configured resources: one pass per resource and interval, run
-// by a small pool of threads, with overdue passes reported and held back.
+// qmtrm_engine.h - polling of the configured resources: one pass per resource and interval, each
+// on a thread of its own as soon as it is due (the pool grows to the passes running, at most one
+// per resource), with overdue passes reported and held back.
 #pragma once
 
 #include "qmtrm.h"
@@ -15,6 +16,8 @@ class Engine {
 public:
     using Clock = std::chrono::steady_clock;
 
+    // `threads` threads are started at once; more are added whenever a pass is due and none is
+    // idle. A name configured twice is polled once.
     Engine(const Plugin &plugin, Service service, std::vector<ResourceConfig> resources, Reporter &reporter,
            int threads, bool verbose);
     ~Engine();
@@ -75,7 +78,6 @@ private:
     };
 
     void worker_loop();
-    void spawn_worker();
     void run_pass(size_t index);
 
     const Plugin &plugin_;
@@ -90,7 +92,7 @@ private:
     std::condition_variable settled_; // stop(): a pass returned
     std::deque<size_t> queue_;
     std::vector<std::thread> threads_;
-    int stuck_ = 0;
+    int idle_ = 0;  // threads waiting for a pass
     bool ending_ = false;
     bool running_ = false;
     uint64_t passes_ = 0;

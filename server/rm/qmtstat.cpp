@@ -102,7 +102,9 @@ Report gather()
     std::vector<QmtShmRmEntry> entries;
     if (shmrm_exists() == 1) {
         report.any = true;
-        entries.assign(256, QmtShmRmEntry{});
+        QmtShmRmInfo info{};
+        entries.assign(shmrm_info(&info) == 0 && info.capacity > 0 ? static_cast<size_t>(info.capacity) : 256,
+                       QmtShmRmEntry{});
         int count = 0;
         int rc = shmrm_list(entries.data(), static_cast<int>(entries.size()), &count);
         if (rc == 0 || rc == QMTSHM_E_INSUFFICIENT_BUFFER) {

@@ -190,13 +190,14 @@ TEST_F(ResourceShmConcurrency, WriterThatDiedHoldingTheLockIsRecoveredFrom)
         int fd = shm_open(shm.rm().c_str(), O_RDWR, 0);
         if (fd < 0)
             _exit(2);
-        void *a = mmap(nullptr, sizeof(qmtshm::RmSegment), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        void *a = mmap(nullptr, qmtshm::kRmHeaderSize + sizeof(qmtshm::RmEntry), PROT_READ | PROT_WRITE,
+                       MAP_SHARED, fd, 0);
         if (a == MAP_FAILED)
             _exit(3);
-        auto *seg = static_cast<qmtshm::RmSegment *>(a);
+        auto *seg = static_cast<qmtshm::RmHeader *>(a);
         if (pthread_mutex_lock(&seg->mutex) != 0)
             _exit(4);
-        seg->entries[0].seq.fetch_add(1);
+        qmtshm::rm_entries(a)[0].seq.fetch_add(1);
         _exit(0);
     }
     EXPECT_EQ(reap(pid, std::chrono::steady_clock::now() + std::chrono::seconds(10)), 0);

@@ -5,6 +5,8 @@
 #include "qmtshm_codes.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
@@ -147,6 +149,8 @@ TEST_F(ResourceShm, EntriesAreKeyedByTypeAndName)
     EXPECT_EQ(v[0].progress, QMT_DOMONTR_MONEND);
     EXPECT_STREQ(v[0].descript, "Normal");
     EXPECT_EQ(v[0].descript_len, 6);
+    EXPECT_EQ(v[0].writer_pid, getpid());
+    EXPECT_EQ(v[0].stale, 0);
     EXPECT_GE(v[0].progress_time_ms, before);
     EXPECT_LE(v[0].progress_time_ms, v[0].update_time_ms);
     EXPECT_LE(v[0].update_time_ms, now_ms() + 1);
@@ -198,17 +202,40 @@ TEST_F(ResourceShm, TypesAndNamesMustFitTheirFields)
     EXPECT_EQ(std::string(v[0].name), n63);
 }
 
-TEST_F(ResourceShm, TableHolds256Resources)
+TEST_F(ResourceShm, TableHolds4096ResourcesAndReclaimsThoseOfGoneWriters)
 {
     ASSERT_EQ(shmrm_attach(), 0);
-    for (int i = 0; i < 256; ++i)
-        ASSERT_EQ(shmrm_setmonprogress("sdw", ("r" + std::to_string(i)).c_str(), 3), 0) << i;
-    EXPECT_EQ(shmrm_setmonprogress("sdw", "r256", 3), QMTSHM_E_TABLE_FULL);
-    EXPECT_EQ(shmrm_setmonprogress("sdw", "r255", 4), 0);
-    std::vector<QmtShmRmEntry> v = list_all();
-    ASSERT_EQ(v.size(), 256u);
-    EXPECT_STREQ(v[255].name, "r255");
-    EXPECT_EQ(v[255].progress, 4);
+    QmtShmRmInfo info{};
+    ASSERT_EQ(shmrm_info(&info), 0);
+    ASSERT_GE(info.capacity, 4096);
+    // Another process fills the table and ends; its resources are gone, their entries stay
+    // readable (stale) until a new resource needs the room.
+    int capacity = info.capacity;
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        bool ok = shmrm_attach() == 0;
+        for (int i = 0; ok && i < capacity; ++i)
+            ok = shmrm_setmonprogress("sdw", ("old" + std::to_string(i)).c_str(), 3) == 0;
+        ok = ok && shmrm_setmonprogress("sdw", "one-too-many", 3) == QMTSHM_E_TABLE_FULL;
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    std::vector<QmtShmRmEntry> v(static_cast<size_t>(capacity));
+    int count = 0;
+    ASSERT_EQ(shmrm_list(v.data(), capacity, &count), 0);
+    ASSERT_EQ(count, capacity);
+    EXPECT_EQ(v[0].writer_pid, pid);
+    EXPECT_EQ(v[0].stale, 1);
+    for (int i = 0; i < 300; ++i)
+        ASSERT_EQ(shmrm_setmonprogress("sdw", ("new" + std::to_string(i)).c_str(), 4), 0) << i;
+    ASSERT_EQ(shmrm_list(v.data(), capacity, &count), 0);
+    EXPECT_EQ(count, capacity);
+    EXPECT_STREQ(v[0].name, "new0");
+    EXPECT_EQ(v[0].writer_pid, getpid());
+    EXPECT_EQ(v[0].stale, 0);
 }
 
 TEST_F(ResourceShm, ListReportsTheTotalWhenRoomIsShort)

@@ -5,9 +5,12 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 
 using namespace clustertest;
 
@@ -258,6 +261,40 @@ TEST_F(XmlStore, MissingFileIsNamed)
     EXPECT_EQ(err, "qmtxml: cannot open " + policy("nosuch") + ": No such file or directory\n" +
                        "qmtxml: cannot open " + conf() + ": No such file or directory\n");
     EXPECT_EQ(xmllib_unload_policy("nosuch"), XMLLIB_E_NOT_READY);
+}
+
+TEST_F(XmlStore, OnlyRegularFilesOfBoundedSizeAreRead)
+{
+    // Each load runs in a child with an alarm: a FIFO that blocks the open, or a device that never
+    // ends, would otherwise hang or exhaust this test.
+    struct Case {
+        const char *what;
+        std::function<bool(const std::string &)> make;
+    } cases[] = {
+        {"a symbolic link to /dev/zero", [](const std::string &p) { return symlink("/dev/zero", p.c_str()) == 0; }},
+        {"a FIFO", [](const std::string &p) { return mkfifo(p.c_str(), 0600) == 0; }},
+        {"a folder", [](const std::string &p) { return mkdir(p.c_str(), 0700) == 0; }},
+        {"a file over 16 MiB", [](const std::string &p) {
+             write_file(p, "<root/>");
+             return truncate(p.c_str(), (16 << 20) + 1) == 0;
+         }},
+    };
+    for (auto &c : cases) {
+        std::filesystem::remove_all(conf());
+        ASSERT_TRUE(c.make(conf())) << c.what;
+        pid_t pid = fork();
+        if (pid == 0) {
+            alarm(10);
+            ::testing::internal::CaptureStderr();
+            int rc = xmllib_init("sdw") == 0 ? xmllib_load_config(1) : -1;
+            std::string err = ::testing::internal::GetCapturedStderr();
+            bool named = err.rfind("qmtxml: cannot read " + conf() + ": ", 0) == 0;
+            _exit(rc == XMLLIB_E_FILE_NOT_FOUND && named ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << c.what;
+    }
 }
 
 TEST_F(XmlStore, PolicyTypesAreFileNamesOnly)

@@ -224,6 +224,43 @@ TEST_F(EngineTest, OverduePassIsReportedOnceAndNotRepolledWhileOthersGoOn)
     EXPECT_EQ(engine.overdue_reports(), 1u);
 }
 
+TEST_F(EngineTest, HungPassesHoldUpNoOtherResource)
+{
+    std::vector<qmtrm::ResourceConfig> list;
+    for (int i = 0; i < 16; ++i) {
+        list.push_back({"sdw" + std::to_string(i), 1, 300});
+        if (i % 2 == 0)
+            state_.hung.insert("sdw" + std::to_string(i));
+    }
+    // One thread to begin with, and time-outs far away: nothing is overdue, nothing is replaced.
+    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, list, reporter_, 1, false);
+    ASSERT_EQ(engine.start(), 0u);
+    auto healthy_polled = [&](int n) {
+        for (int i = 1; i < 16; i += 2)
+            if (state_.passes_of("sdw" + std::to_string(i)) < n)
+                return false;
+        return true;
+    };
+    ASSERT_TRUE(step_until(engine, [&] { return healthy_polled(3); }, 8s));
+    EXPECT_EQ(engine.overdue_reports(), 0u);
+    EXPECT_LE(engine.workers(), 16);
+    state_.release_all();
+    std::vector<std::string> stuck;
+    EXPECT_TRUE(engine.stop(2000, &stuck));
+}
+
+TEST_F(EngineTest, ANameConfiguredTwiceIsPolledOnceAtATime)
+{
+    state_.hung.insert("sdw1");
+    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, resources({"sdw1", "sdw1"}, 300), reporter_, 2, false);
+    ASSERT_EQ(engine.start(), 0u);
+    step_until(engine, [] { return false; }, 1500ms);
+    EXPECT_EQ(state_.passes_of("sdw1"), 1);
+    state_.release_all();
+    std::vector<std::string> stuck;
+    EXPECT_TRUE(engine.stop(2000, &stuck));
+}
+
 TEST_F(EngineTest, OverdueLimitIsTheTimeOutTimesTheRatio)
 {
     // The plug-in is attached to the cluster shared memory while it serves; here the test is.

@@ -29,11 +29,25 @@ struct QmtShmRmEntry {
     long long update_time_ms;     /* wall clock, ms since 1970, at the last change of the entry */
     char descript[256];           /* NUL-terminated */
     int descript_len;
+    int writer_pid;               /* the process that wrote the entry last */
+    unsigned long long writer_start; /* its start time, clock ticks after boot */
+    int stale;                    /* 1 when that process has gone */
 };
-/* Copies up to max entries, each one consistent, in creation order; *count receives the number of
- * entries in the table. More entries than max: the first max are copied and the result is non-zero.
- * Works without attaching (never creates the segment); non-zero when it does not exist. */
+/* Copies up to max entries in table order; *count receives the number of readable entries in use.
+ * Returns QMTSHM_E_DAMAGED when some entries could not be read (the readable ones are still copied),
+ * else QMTSHM_E_INSUFFICIENT_BUFFER when there are more than max (the first max are copied), else 0.
+ * Works without attaching (never creates the segment); QMTSHM_E_NOT_FOUND when it does not exist,
+ * QMTSHM_E_NOT_OWNER or QMTSHM_E_BAD_SEGMENT when it fails the checks (docs/shared-memory.md). */
 QMTSHM_API int shmrm_list(struct QmtShmRmEntry *out, int max, int *count);
+
+/* The table as a whole. */
+struct QmtShmRmInfo {
+    int capacity;                 /* entries the table holds */
+    int used;                     /* readable entries in use */
+    int damaged;                  /* entries that could not be read */
+};
+QMTSHM_API int shmrm_info(struct QmtShmRmInfo *info);
+
 /* 1 when the resource segment exists, 0 otherwise; never creates it. */
 QMTSHM_API int shmrm_exists(void);
 

@@ -25,9 +25,11 @@ void setup_cm(void *addr)
     seg->set_time_ms.store(0, std::memory_order_relaxed);
 }
 
+const Layout kCmLayout{kMagicCm, sizeof(CmSegment), 0, 0, setup_cm};
+
 int attach_cm(Attachment &a)
 {
-    return attach_locked(a, "_cm", sizeof(CmSegment), kMagicCm, setup_cm);
+    return attach_locked(a, "_cm", kCmLayout);
 }
 
 CmSegment *seg(Attachment &a)
@@ -102,7 +104,7 @@ QMTSHM_API int shmcm_peekratio(int *ratio)
     if (!ratio)
         return QMTSHM_E_INVALID_PARAMETER;
     Mapping m;
-    int rc = map_existing(segment_name("_cm"), sizeof(CmSegment), kMagicCm, false, m);
+    int rc = map_existing(segment_name("_cm"), kCmLayout, m);
     if (rc != 0)
         return rc;
     uint64_t rg = static_cast<CmSegment *>(m.addr)->ratio_gen.load(std::memory_order_acquire);

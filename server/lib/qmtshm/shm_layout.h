@@ -1,30 +1,40 @@
 // shm_layout.h - the layout of both shared-memory segments and the helpers that map them.
-// Shared by qmtshmcm and qmtshmrm (each gets its own copy, hidden) and by the tests.
+// Shared by qmtshmcm and qmtshmrm (each gets its own copy, hidden), the tests and the fuzz target.
+//
+// Trust: a segment is used only when it is a regular file owned by this user, writable by nobody
+// else, and its header describes exactly the layout this code was built with. Everything read from
+// a segment is still bounded before use (capacity from the header and the file size, text fields
+// cut at their slot, lengths clamped), so a damaged segment gives an error, never a crash.
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <atomic>
-#include <shared_mutex>
 #include <cstddef>
 #include <cstdint>
+#include <shared_mutex>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 namespace qmtshm {
 
-inline constexpr uint32_t kVersion = 1;
+inline constexpr uint32_t kVersion = 2;
 inline constexpr uint32_t kMagicCm = 0x4d43544dU;  // "MTCM"
 inline constexpr uint32_t kMagicRm = 0x4d52544dU;  // "MTRM"
 
-// Life of a segment: created zero-filled (kEmpty), set up by exactly one process (kInit), usable
-// (kReady).
+// Life of a segment: created zero-filled (kEmpty), set up by its creator (kInit), usable (kReady).
 enum : uint32_t { kEmpty = 0, kInit = 1, kReady = 2 };
 
 struct Header {
     std::atomic<uint32_t> state;
     uint32_t magic;
     uint32_t version;
-    uint32_t size;  // bytes of the whole segment
+    uint32_t header_size;  // bytes before the first entry
+    uint64_t size;         // bytes of the whole segment
+    uint32_t entry_size;   // bytes per entry (0 for the cluster segment)
+    uint32_t capacity;     // entries (0 for the cluster segment)
 };
 
 // Cluster segment. Ratio and generation share one word so that a reader never pairs a ratio with
@@ -35,12 +45,16 @@ struct CmSegment {
     std::atomic<int64_t> set_time_ms;  // wall clock of the last shmcm_setratio, 0 if never
 };
 
-inline constexpr size_t kRmEntries = 256;
+// Resource table size: QMT_SHM_ENTRIES when the segment is created, within these bounds.
+inline constexpr uint32_t kRmDefaultEntries = 4096;
+inline constexpr uint32_t kRmMinEntries = 16;
+inline constexpr uint32_t kRmMaxEntries = 65536;
 inline constexpr size_t kTypeLen = 32;
 inline constexpr size_t kNameLen = 64;
 inline constexpr size_t kDescLen = 256;
 
-// One resource's data, copied in and out of the shared words as a whole.
+// One resource's data, copied in and out of the shared words as a whole. An entry is free while
+// its type is empty.
 struct RmData {
     char type[kTypeLen];
     char name[kNameLen];
@@ -50,10 +64,13 @@ struct RmData {
     int64_t update_time_ms;
     char descript[kDescLen];
     int32_t descript_len;
-    int32_t reserved;
+    int32_t writer_pid;     // the process that wrote the entry last
+    uint64_t writer_start;  // and its start time (clock ticks after boot), so a reused pid differs
 };
 inline constexpr size_t kRmWords = sizeof(RmData) / sizeof(uint64_t);
+inline constexpr size_t kKeyWords = (kTypeLen + kNameLen) / sizeof(uint64_t);
 static_assert(sizeof(RmData) % sizeof(uint64_t) == 0);
+static_assert((kTypeLen + kNameLen) % sizeof(uint64_t) == 0);
 
 // Seqlock: odd while a writer changes the words; readers retry until they see the same even
 // value before and after their copy. The words are atomics so that the copy is race-free.
@@ -63,16 +80,28 @@ struct RmEntry {
     std::atomic<uint64_t> words[kRmWords];
 };
 
-struct RmSegment {
+// The resource segment's header; `capacity` entries follow at hdr.header_size.
+struct RmHeader {
     Header hdr;
     pthread_mutex_t mutex;  // process-shared, robust: serialises writers
-    std::atomic<uint32_t> count;  // entries in use, in creation order; never shrinks
-    uint32_t capacity;
-    RmEntry entries[kRmEntries];
 };
+inline constexpr size_t kRmHeaderSize = (sizeof(RmHeader) + 63) / 64 * 64;
 
 static_assert(std::atomic<uint64_t>::is_always_lock_free);
 static_assert(std::atomic<uint32_t>::is_always_lock_free);
+
+inline size_t rm_segment_size(uint32_t capacity)
+{
+    return kRmHeaderSize + static_cast<size_t>(capacity) * sizeof(RmEntry);
+}
+inline RmEntry *rm_entries(void *seg)
+{
+    return reinterpret_cast<RmEntry *>(static_cast<char *>(seg) + kRmHeaderSize);
+}
+inline const RmEntry *rm_entries(const void *seg)
+{
+    return reinterpret_cast<const RmEntry *>(static_cast<const char *>(seg) + kRmHeaderSize);
+}
 
 // "<prefix>_cm" / "<prefix>_rm", the prefix from QMT_SHM_NAME (default "/qmt").
 std::string segment_name(const char *suffix);
@@ -82,12 +111,25 @@ struct Mapping {
     size_t size = 0;
 };
 
-// Opens (creating when absent) and maps the segment read-write; the process that creates it runs
-// `setup` on the zero-filled memory before anyone else uses it. Returns 0 or a QMTSHM_E_ code.
-int map_create(const std::string &name, size_t size, uint32_t magic, void (*setup)(void *),
-               Mapping &out);
-// Maps an existing, set-up segment read-only (writable = false) or read-write; never creates.
-int map_existing(const std::string &name, size_t size, uint32_t magic, bool writable, Mapping &out);
+// What a segment of one kind must look like: its magic, its fixed part, and for a table its entry
+// size and the capacity to create it with.
+struct Layout {
+    uint32_t magic;
+    uint32_t header_size;
+    uint32_t entry_size;
+    uint32_t create_capacity;
+    void (*setup)(void *);  // fills a new, zero-filled segment
+};
+// Checks a header against the layout and the bytes available; returns the capacity it describes
+// (0 for a segment without entries) or -1 when anything is off.
+long check_header(const void *mem, size_t available, const Layout &layout);
+
+// Creates the segment (O_EXCL, mode 0600 or 0640 for the group QMT_SHM_GROUP) or opens an existing
+// one that passes the owner and layout checks, and maps it read-write. Returns 0 or a QMTSHM_E_ code.
+int map_create(const std::string &name, const Layout &layout, Mapping &out);
+// Maps an existing segment read-only after the same checks, except that its owner may be another
+// user as long as nobody else can write it; never creates. Returns 0 or a QMTSHM_E_ code.
+int map_existing(const std::string &name, const Layout &layout, Mapping &out);
 void unmap(Mapping &m);
 
 // One process's attachment to a segment: every attach shares one mapping, counted.
@@ -95,18 +137,43 @@ struct Attachment {
     std::shared_mutex mu;  // exclusive for attach/detach, shared for use of the mapping
     int refs = 0;
     Mapping map;
+    // The writer's memory of where each of its resources' entries is ("type\0name" to index).
+    // Used only with the segment's writer mutex held.
+    std::unordered_map<std::string, uint32_t> slots;
+    uint32_t capacity = 0;
 };
-// Both with `mu` held exclusively. The first attach maps (creating the segment when absent,
-// `setup` making it ready); the last detach unmaps. A detach without attach returns
-// QMTSHM_E_NOT_ATTACHED and does nothing else.
-int attach_locked(Attachment &a, const char *suffix, size_t size, uint32_t magic, void (*setup)(void *));
+// Both with `mu` held exclusively. The first attach maps (creating the segment when absent); the
+// last detach unmaps. A detach without attach returns QMTSHM_E_NOT_ATTACHED and does nothing else.
+int attach_locked(Attachment &a, const char *suffix, const Layout &layout);
 int detach_locked(Attachment &a);
 bool segment_exists(const std::string &name);
 
 int64_t wall_ms();
 uint32_t tick_ms();
 
-// Copies one entry out under its seqlock; false when no stable copy came within the retries.
+// Start time of a process (clock ticks after boot, from /proc), 0 when it does not exist.
+uint64_t process_start(pid_t pid);
+// This process's pid and start time.
+pid_t self_pid();
+uint64_t self_start();
+// Whether the process named by pid and start time still runs. A process whose details cannot be
+// read for lack of rights is taken as alive.
+bool process_alive(int32_t pid, uint64_t start);
+
+// Copies one entry out under its seqlock; false when no stable copy came within a few tries.
 bool read_entry(const RmEntry &e, RmData &out);
+// Makes a copied entry safe to use: text fields end inside their slots, the description length
+// matches its text. False when the entry's contents could not have been written by a writer.
+bool sane_entry(RmData &d);
+
+// A reader's view of the whole resource table.
+struct RmSnapshot {
+    uint32_t capacity = 0;
+    uint32_t damaged = 0;  // entries in use that could not be read or made no sense
+    std::vector<RmData> entries;  // in table order, free entries left out
+};
+// Reads a mapped resource segment of `available` bytes. Returns 0, or QMTSHM_E_BAD_SEGMENT when the
+// header is not a resource table's.
+int read_rm(const void *mem, size_t available, RmSnapshot &out);
 
 }  // namespace qmtshm

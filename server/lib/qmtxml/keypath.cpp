@@ -67,6 +67,47 @@ pugi::xml_node walk(const pugi::xml_document &doc, const std::vector<Segment> &p
     return cur;
 }
 
+size_t Index::Hash::operator()(const Key &k) const
+{
+    size_t h = std::hash<const void *>()(k.parent);
+    h = h * 31 + std::hash<std::string_view>()(k.element);
+    h = h * 31 + std::hash<std::string_view>()(k.name);
+    return h * 2 + (k.has_name ? 1 : 0);
+}
+
+Index::Index(const pugi::xml_document &doc) : root_(doc)
+{
+    // Depth first, without recursion: a document may nest deeper than the stack allows.
+    std::vector<pugi::xml_node> todo{doc};
+    while (!todo.empty()) {
+        pugi::xml_node parent = todo.back();
+        todo.pop_back();
+        for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
+            if (c.type() != pugi::node_element)
+                continue;
+            const void *p = parent.internal_object();
+            first_.try_emplace(Key{p, c.name(), {}, false}, c);
+            if (pugi::xml_attribute a = c.attribute("name"))
+                first_.try_emplace(Key{p, c.name(), a.value(), true}, c);
+            if (c.first_child())
+                todo.push_back(c);
+        }
+    }
+}
+
+pugi::xml_node Index::walk(const std::vector<Segment> &path) const
+{
+    pugi::xml_node cur = root_;
+    for (const Segment &s : path) {
+        auto it = first_.find(Key{cur.internal_object(), s.element, s.has_name ? s.name : std::string_view{},
+                                  s.has_name});
+        if (it == first_.end())
+            return {};
+        cur = it->second;
+    }
+    return cur;
+}
+
 static bool is_space(char c)
 {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';

@@ -3,8 +3,10 @@
 
 #include <pugixml.hpp>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace qmtxml {
@@ -28,6 +30,29 @@ bool parse_key(std::string_view key, std::vector<Segment> &out);
 // name attributes, taking the first match at each step. Returns an empty node when nothing
 // matches.
 pugi::xml_node walk(const pugi::xml_document &doc, const std::vector<Segment> &path);
+
+// The answer of every step a walk can take in one document, built once at load: for each element,
+// the first child of each element name, and the first child of each element name and `name`
+// attribute. A walk through it costs the same whatever the number of siblings.
+class Index {
+public:
+    explicit Index(const pugi::xml_document &doc);
+    pugi::xml_node walk(const std::vector<Segment> &path) const;
+
+private:
+    struct Key {
+        const void *parent;
+        std::string_view element;
+        std::string_view name;
+        bool has_name;
+        bool operator==(const Key &) const = default;
+    };
+    struct Hash {
+        size_t operator()(const Key &k) const;
+    };
+    pugi::xml_node root_;
+    std::unordered_map<Key, pugi::xml_node, Hash> first_;
+};
 
 // The text of a leaf element with leading and trailing ASCII white space removed.
 std::string_view leaf_text(pugi::xml_node node);

@@ -43,10 +43,16 @@ FileId file_id(const struct stat &st)
             static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
 }
 
+// A parsed document with the index of its walks.
+struct Doc {
+    pugi::xml_document xml;
+    std::unique_ptr<qmtxml::Index> index;
+};
+
 struct Loaded {
     std::string type;  // policy type; empty for the cluster configuration
     std::string path;
-    std::shared_ptr<const pugi::xml_document> doc;
+    std::shared_ptr<const Doc> doc;
     FileId id;
 };
 
@@ -71,10 +77,12 @@ std::string conf_dir()
     return d && *d ? std::string(d) : std::string("/etc/qmt");
 }
 
-// Reads and parses one file; messages name the file (and the line of a parse error).
+// Reads and parses one file; messages name the file (and the line of a parse error). Only a
+// regular file of at most kMaxFileSize bytes is read: a device, a FIFO or a file without end would
+// otherwise exhaust memory or block for ever. The open does not wait for a FIFO's writer.
 int load_file(const std::string &path, Loaded &out)
 {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         int err = errno;
         std::fprintf(stderr, "qmtxml: cannot open %s: %s\n", path.c_str(), std::strerror(err));
@@ -82,37 +90,39 @@ int load_file(const std::string &path, Loaded &out)
     }
     struct stat st {};
     std::string text;
-    int rc = 0;
-    if (::fstat(fd, &st) != 0) {
-        rc = XMLLIB_E_FILE_NOT_FOUND;
-    } else {
+    const char *why = nullptr;
+    if (::fstat(fd, &st) != 0)
+        why = std::strerror(errno);
+    else if (!S_ISREG(st.st_mode))
+        why = "not a regular file";
+    else if (st.st_size > XMLLIB_MAX_FILE_SIZE)
+        why = "larger than " XMLLIB_MAX_FILE_SIZE_TEXT;
+    while (!why) {
         char chunk[65536];
-        while (true) {
-            ssize_t n = ::read(fd, chunk, sizeof chunk);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0) {
-                rc = XMLLIB_E_FILE_NOT_FOUND;
-                break;
-            }
-            if (n == 0)
-                break;
+        ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            why = std::strerror(errno);
+        else if (n == 0)
+            break;
+        else if (text.size() + static_cast<size_t>(n) > size_t{XMLLIB_MAX_FILE_SIZE})
+            why = "larger than " XMLLIB_MAX_FILE_SIZE_TEXT;  // it grew while being read
+        else
             text.append(chunk, static_cast<size_t>(n));
-        }
-    }
-    if (rc != 0) {
-        int err = errno;
-        std::fprintf(stderr, "qmtxml: cannot read %s: %s\n", path.c_str(), std::strerror(err));
-        ::close(fd);
-        return rc;
     }
     ::close(fd);
-    auto doc = std::make_shared<pugi::xml_document>();
+    if (why) {
+        std::fprintf(stderr, "qmtxml: cannot read %s: %s\n", path.c_str(), why);
+        return XMLLIB_E_FILE_NOT_FOUND;
+    }
+    auto doc = std::make_shared<Doc>();
     std::string error;
-    if (!qmtxml::load_document(text, path, *doc, error)) {
+    if (!qmtxml::load_document(text, path, doc->xml, error)) {
         std::fprintf(stderr, "qmtxml: %s\n", error.c_str());
         return XMLLIB_E_BAD_DATA;
     }
+    doc->index = std::make_unique<qmtxml::Index>(doc->xml);
     out.path = path;
     out.doc = std::move(doc);
     out.id = file_id(st);
@@ -296,8 +306,8 @@ QMTXML_API int WINAPI xmllib_enum_value(const char *key, char *buffer, int *size
         return XMLLIB_E_NOT_READY;
     std::vector<const char *> names;
     bool parent_found = false;
-    for_each_doc(s, [&](const pugi::xml_document &doc) {
-        pugi::xml_node parent = qmtxml::walk(doc, path);
+    for_each_doc(s, [&](const Doc &doc) {
+        pugi::xml_node parent = doc.index->walk(path);
         if (!parent)
             return false;
         parent_found = true;
@@ -349,8 +359,8 @@ QMTXML_API int WINAPI xmllib_get_value(const char *key, int kind, void *buffer, 
     if (!has_documents(s))
         return XMLLIB_E_NOT_READY;
     pugi::xml_node node;
-    for_each_doc(s, [&](const pugi::xml_document &doc) {
-        node = qmtxml::walk(doc, path);
+    for_each_doc(s, [&](const Doc &doc) {
+        node = doc.index->walk(path);
         return static_cast<bool>(node);
     });
     if (!node)

@@ -11,7 +11,8 @@
 #define XMLLIB_ENUM_EMPTY 3
 #define XMLLIB_ENUM_NO_PARENT 4
 
-#define XMLLIB_E_FILE_NOT_FOUND 2      /* the file does not exist or cannot be opened */
+#define XMLLIB_E_FILE_NOT_FOUND 2      /* the file does not exist, cannot be read, is not a regular
+                                          file or is larger than XMLLIB_MAX_FILE_SIZE */
 #define XMLLIB_E_BAD_DATA 13           /* malformed document, or a value that is not a whole number */
 #define XMLLIB_E_NOT_READY 21          /* not initialised, or the thing to unload/reload is not loaded */
 #define XMLLIB_E_INVALID_PARAMETER 87  /* null argument, bad key path, bad kind, bad mode, bad type */
@@ -20,5 +21,9 @@
 #define XMLLIB_E_OVERFLOW 534          /* a whole number outside the signed 32-bit range */
 #define XMLLIB_E_NOT_FOUND 1168        /* no element answers the key */
 #define XMLLIB_E_ALREADY_INITIALIZED 1247
+
+/* The largest configuration or policy file read, in bytes. */
+#define XMLLIB_MAX_FILE_SIZE (16 * 1024 * 1024)
+#define XMLLIB_MAX_FILE_SIZE_TEXT "16 MiB"
 
 #endif /* QMTXML_CODES_H */
