@@ -64,6 +64,8 @@ TEST_F(NpWorkerTest, CheckPointsFollowTheCycle)
     seen.push_back(checkpoint("np1"));  // Probing, held by the hung disk
     EXPECT_NE(SdwGetMonTick(r_), 0u);
     ASSERT_EQ(WaitForSingleObject(second, 3000), WAIT_OBJECT_0);
+    // Probing is set before the probe goes out: release it only once the disk holds it.
+    ASSERT_TRUE(wait_for([&] { return qmtp::sim::pending_count(0) == 1; }, 3000));
     qmtp::sim::release(0);
     const bool evaluating = wait_for([&] { return checkpoint("np1") == 4; }, 3000);
     seen.push_back(checkpoint("np1"));  // Evaluating, held in reading the start tick
