@@ -19,44 +19,6 @@ protected:
     }
 };
 
-TEST_F(NpControlTest, EveryFailedCreationStepLeavesNothingBehind)
-{
-    configure({{"np1", 5, 1, 0, 0, vol(0)}});
-    init();
-    SDW_RSC *r = rsc("np1");
-    const long handles = qmtp_live_handles();
-    struct Step {
-        const char *function;
-        const char *message;
-    };
-    for (const Step &step : {Step{"CreateMutexA", "1|SdwCreateMonitor|CreateMutex() failed. (Err=8)"},
-                             Step{"CreateWaitableTimerA", "1|SdwCreateMonitor|CreateWaitableTimer() failed. (Err=8)"},
-                             Step{"CreateEventA", "1|SdwCreateMonitor|CreateEvent() failed. (Err=8)"},
-                             Step{"_beginthreadex", "1|SdwCreateMonitor|_beginthreadex() failed. (Err=8)"}}) {
-        SCOPED_TRACE(step.function);
-        doubles::clear_calls();
-        qmtp_fault_set(step.function, 1, 8);
-        EXPECT_EQ(start("np1"), 99u);
-        EXPECT_TRUE(logged(step.message));
-        EXPECT_TRUE(logged("1|NpMontrStatusChange|SdwCreateMonitor() failed. (Ret=99)"));
-        EXPECT_EQ(r->thread, nullptr);
-        EXPECT_EQ(r->mutex, nullptr);
-        EXPECT_EQ(r->timer, nullptr);
-        EXPECT_EQ(r->term_event, nullptr);
-        EXPECT_EQ(qmtp_live_handles(), handles);
-        qmtp_fault_clear();
-    }
-    // A later start creates all three afresh.
-    ASSERT_EQ(start("np1"), 0u);
-    EXPECT_NE(r->mutex, nullptr);
-    EXPECT_NE(r->timer, nullptr);
-    EXPECT_NE(r->term_event, nullptr);
-    // Mutex, timer, terminate event, thread, and the worker's own probe event.
-    EXPECT_TRUE(wait_for([&] { return qmtp_live_handles() == handles + 5; }, 900));
-    ASSERT_EQ(stop("np1"), 0u);
-    EXPECT_EQ(qmtp_live_handles(), handles);
-}
-
 TEST_F(NpControlTest, SuspendAndResumeAreTakenWithinASecond)
 {
     configure({{"np1", 5, 60, 0, 0, vol(0)}});

@@ -194,19 +194,6 @@ TEST_F(NpWorkerTest, UnresolvedVolumeStoresFour)
     ASSERT_EQ(stop("np1"), 0u);
 }
 
-TEST_F(NpWorkerTest, WorkerWithoutProbeEventNeverProbes)
-{
-    setup({"np1", 5, 1, 0, 0, vol(0)});
-    qmtp_fault_set("CreateEventA", 2, 8);  // the first is the terminate event
-    ASSERT_EQ(start("np1"), 0u);
-    ASSERT_TRUE(wait_for([&] { return logged("1|SdwNpMonitor|CreateEvent() failed. (Name=np1 Err=8)"); }, 2000));
-    Sleep(1300);
-    EXPECT_EQ(SdwLoad(r_->result), 99);
-    EXPECT_EQ(qmtp::sim::probe_count(0), 0u);
-    EXPECT_EQ(checkpoint("np1"), 1);
-    ASSERT_EQ(stop("np1"), 0u);
-}
-
 TEST_F(NpWorkerTest, RatioBelowOneIsRaisedAndWrittenBack)
 {
     setup({"np1", 4, 1, 0, 0, vol(0)});
@@ -216,21 +203,6 @@ TEST_F(NpWorkerTest, RatioBelowOneIsRaisedAndWrittenBack)
     EXPECT_EQ(SdwLoad(gsdwTimeoutRatio), 1);
     EXPECT_FALSE(lines_with(" Time=4sec)").empty());
     ASSERT_EQ(stop("np1"), 0u);
-}
-
-TEST_F(NpWorkerTest, FailedTimerStores99AndTriesAgainAfterASecond)
-{
-    setup({"np1", 5, 1, 0, 0, vol(0)});
-    qmtp_fault_set("SetWaitableTimer", 1, 8);
-    ASSERT_EQ(start("np1"), 0u);
-    ASSERT_TRUE(wait_for([&] { return SdwLoad(r_->result) == 99; }, 1000));
-    EXPECT_TRUE(wait_for([&] { return logged("1|SdwNpMonitor|SetWaitableTimer() failed. (Name=np1 Hdl=" + hex(r_->timer) + " Err=8)"); },
-                         2000));
-    // After the pause the timer is armed again, for the first cycle's one second.
-    ASSERT_TRUE(wait_for([&] { return qmtp::sim::probe_count(0) == 1 && SdwLoad(r_->result) == 0; }, 3500));
-    const DWORD before = GetTickCount();
-    ASSERT_EQ(stop("np1"), 0u);
-    EXPECT_LT(GetTickCount() - before, 900u);  // a worker waiting on its timer ends at once
 }
 
 TEST_F(NpWorkerTest, StatusReportsACycleThatStalled)

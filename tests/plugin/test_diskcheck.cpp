@@ -155,17 +155,6 @@ TEST_F(DiskCheckTest, DelayRatioZeroMakesEveryAnswerLate)
     EXPECT_EQ(gsdwTimeoutRatio, 1);
 }
 
-TEST_F(DiskCheckTest, ElapsedEqualToTheThresholdWarnsAndOneLessDoesNot)
-{
-    // timeout 60, ratio 1, delay ratio 80: D = 48000 ms.
-    EXPECT_EQ(check_answering_after(47999), 0);
-    EXPECT_TRUE(events().empty());
-    doubles::clear_calls();
-    EXPECT_EQ(check_answering_after(48000), 0);
-    EXPECT_EQ(events(), std::vector<std::string>{"0x80000e43|disk-a604800080"});
-    EXPECT_EQ(lines_with("2|SdwMonitor|Delayed. (Name=disk-a DelayTime=48000msec Time=48000(53000-5000)msec LUN=0)").size(), 1u);
-}
-
 TEST_F(DiskCheckTest, ThresholdFollowsDoublePrecisionArithmetic)
 {
     // 29 / 100.0 * 100 * 1000 is 28999.99..., so D is 28999, not 29000.

@@ -25,7 +25,6 @@ protected:
     }
 };
 
-
 TEST_F(ExportsTest, InitialisesPassesTearsDownAndInitialisesAgain)
 {
     const bool first_in_process = gsdwlpVersion == nullptr;
@@ -84,20 +83,6 @@ TEST_F(ExportsTest, TeardownCallsInItsOrderAndTheLastLinesGoOutWithAndWithoutThe
     ASSERT_EQ(ends.size(), 2u);
     EXPECT_NE(ends[0]->log, nullptr);
     EXPECT_EQ(ends[1]->log, nullptr);
-}
-
-TEST_F(ExportsTest, SecondInitAndUninitWithoutInitChangeNothing)
-{
-    EXPECT_EQ(UninitRscDll("x", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|UninitRscDll|Not initialized. (Ref=0)"));
-    init();
-    SDW_RSC *table = gsdwlpRsc;
-    doubles::clear_calls();
-    EXPECT_EQ(InitRscDll("x", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|InitRscDll|Already initialized. (Ref=1)"));
-    EXPECT_TRUE(lines_with("Start - (DllName").empty());
-    EXPECT_EQ(gsdwlpRsc, table);
-    EXPECT_EQ(gsdwInitCount, 1u);
 }
 
 // Each step of the initialisation failing in turn: the message, the result 1, and the whole
@@ -178,77 +163,6 @@ TEST_F(ExportsTest, PolicyLogSettingsAreAdoptedOnlyOverTheDefaults)
     init();
     EXPECT_EQ(doubles::log_level(), 16);
     EXPECT_EQ(doubles::log_size(), 30000000);
-}
-
-TEST_F(ExportsTest, DoMontrRejectsBadArgumentsWith190)
-{
-    EXPECT_EQ(DoMontr("sdw", "sdw1"), 190u);
-    EXPECT_TRUE(logged("2|DoMontr|Invalid parameter, gsdwlpRsc is NULL. (Name=sdw1)"));
-    init();
-    EXPECT_EQ(DoMontr(nullptr, "sdw1"), 190u);
-    EXPECT_TRUE(logged("2|DoMontr|Invalid parameter. (Type=0)"));
-    EXPECT_EQ(DoMontr("sdw", nullptr), 190u);
-    EXPECT_TRUE(logged("2|DoMontr|Invalid parameter. (Name=0)"));
-    EXPECT_EQ(DoMontr("sdw", "nobody"), 190u);
-    EXPECT_TRUE(logged("2|DoMontr|Invalid parameter, unregistered. (Name=nobody)"));
-}
-
-TEST_F(ExportsTest, AResourceWithoutVolumeIsNotChecked)
-{
-    init();
-    doubles::clear_calls();
-    gsdwlpRsc[2].result = 77;
-    EXPECT_EQ(DoMontr("sdw", "sdw3"), 0u);
-    EXPECT_TRUE(logged("8|DoMontr|No monitor in server. (Name=sdw3)"));
-    EXPECT_EQ(gsdwlpRsc[2].result, 77);
-    EXPECT_TRUE(doubles::description("sdw", "sdw3").empty());
-    EXPECT_EQ(MontrStatusChange("sdw", "sdw3", 2), 0u);
-    EXPECT_TRUE(logged("4|MontrStatusChange|No monitor in server. (Name=sdw3)"));
-}
-
-TEST_F(ExportsTest, ControlRequestsByCode)
-{
-    init();
-    EXPECT_EQ(MontrStatusChange("sdw", "sdw1", 2), 3u);
-    EXPECT_TRUE(logged("1|MontrStatusChange|Invalid control code. (Type=sdw Name=sdw1 Ctrl=0x2)"));
-    EXPECT_EQ(MontrStatusChange(nullptr, "sdw1", 0), 3u);
-    EXPECT_EQ(MontrStatusChange("sdw", nullptr, 0), 3u);
-    EXPECT_EQ(MontrStatusChange("sdw", "nobody", 0), 3u);
-    EXPECT_TRUE(logged("1|MontrStatusChange|Invalid parameter, unregistered. (Name=nobody)"));
-    for (int code : {0x1, 0x111, 0x201, 0x10, 0x11}) EXPECT_EQ(MontrStatusChange("sdw", "sdw1", code), 0u);
-    EXPECT_TRUE(logged("4|MontrStatusChange|<<< Stop[0x201] of sdw1 >>>"));
-    EXPECT_TRUE(logged("4|MontrStatusChange|<<< Resume[0x10] of sdw1 >>>"));
-    EXPECT_TRUE(logged("4|MontrStatusChange|<<< Suspend[0x11] of sdw1 >>>"));
-
-    // A start clears the record and re-reads the time-out; a failed re-read keeps the old one.
-    gsdwlpRsc[0].result = 5;
-    gsdwlpRsc[0].mon_tick = 1234;
-    doubles::set_int("/root/monitor/sdw@sdw1/polling/timeout", 90);
-    EXPECT_EQ(MontrStatusChange("sdw", "sdw1", 0x110), 0u);
-    EXPECT_TRUE(logged("4|MontrStatusChange|<<< Start[0x110] of sdw1 >>>"));
-    EXPECT_EQ(gsdwlpRsc[0].timeout, 90);
-    EXPECT_EQ(gsdwlpRsc[0].result, 0);
-    EXPECT_EQ(gsdwlpRsc[0].mon_tick, 0u);
-    gsdwlpRsc[0].result = 5;
-    doubles::erase_key("/root/monitor/sdw@sdw1/polling/timeout");
-    EXPECT_EQ(MontrStatusChange("sdw", "sdw1", 0), 0u);
-    EXPECT_TRUE(logged("1|MontrStatusChange|SdwReloadConfig() failed. (Name=sdw1)"));
-    EXPECT_EQ(gsdwlpRsc[0].timeout, 90);
-    EXPECT_EQ(gsdwlpRsc[0].result, 0);
-}
-
-TEST_F(ExportsTest, FailureThenRecoveryAfterAStartWritesBothEvents)
-{
-    init();
-    qmtp::sim::set_disk(0, {Behaviour::Refuse, 0, 21});
-    EXPECT_EQ(DoMontr("sdw", "sdw1"), 5u);
-    EXPECT_EQ(DoMontr("sdw", "sdw1"), 5u);
-    qmtp::sim::set_disk(0, {});
-    EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u);
-    qmtp::sim::set_disk(0, {Behaviour::Refuse, 0, 21});
-    EXPECT_EQ(DoMontr("sdw", "sdw1"), 5u);
-    const std::vector<std::string> expected = {"0xc0000e44|sdw1", "0x40000e45|sdw1", "0xc0000e44|sdw1"};
-    EXPECT_EQ(events(), expected);
 }
 
 TEST_F(ExportsTest, UninitRefusesWhileAPassRunsAndCompletesAfterIt)

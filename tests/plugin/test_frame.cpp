@@ -91,34 +91,6 @@ TEST_F(FrameTest, AccessorsReadAndWriteTheirFieldsUnderTheRecordLock)
     }
 }
 
-TEST_F(FrameTest, MutexLockTimesOutWith6AndTheExactMessage)
-{
-    HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
-    std::thread owner([&] { WaitForSingleObject(mutex, INFINITE); });
-    owner.join();  // the owner ended: the mutex is abandoned
-    EXPECT_EQ(SdwMutexLock(mutex, 50), 99) << "abandoned: the caller owns it, but the code is 99";
-    EXPECT_EQ(SdwMutexUnlock(mutex), 0);
-
-    std::atomic<bool> held{false}, done{false};
-    std::thread holder([&] {
-        WaitForSingleObject(mutex, INFINITE);
-        held = true;
-        while (!done) Sleep(1);
-        ReleaseMutex(mutex);
-    });
-    while (!held) Sleep(1);
-    doubles::clear_calls();
-    EXPECT_EQ(SdwMutexLock(mutex, 30), 6);
-    char line[128];
-    std::snprintf(line, sizeof line, "1|SdwMutexLock|WaitForSingleObject() timeout. (Hdl=%#x Timeout=30)", SDW_HDL(mutex));
-    EXPECT_TRUE(logged(line));
-    done = true;
-    holder.join();
-    EXPECT_EQ(SdwMutexLock(mutex, -1), 0) << "a negative time-out waits without limit";
-    EXPECT_EQ(SdwMutexUnlock(mutex), 0);
-    CloseHandle(mutex);
-}
-
 TEST_F(FrameTest, TickIsNeverZeroAcrossTheWrap)
 {
     qmtp_tick_freeze(0);

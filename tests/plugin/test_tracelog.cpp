@@ -68,21 +68,6 @@ TEST_F(TraceLogTest, ASingleRepeatIsShownAgainBeforeTheNextMessage)
     EXPECT_EQ(doubles::log_lines(), expected);
 }
 
-TEST_F(TraceLogTest, RepeatAtExactlyTheWindowIsSilentAndOneMsLaterIsSummarised)
-{
-    say("r1", "late");  // last-write tick 1000000
-    qmtp_tick_freeze(1000000 + 600000);
-    say("r1", "late");
-    EXPECT_EQ(doubles::log_lines().size(), 1u);
-    qmtp_tick_freeze(1000000 + 600001);
-    say("r1", "late");
-    const std::vector<std::string> expected = {"2|SdwMonitor|late", "2|SdwMonitor|Last message of r1 repeated 2 times."};
-    EXPECT_EQ(doubles::log_lines(), expected);
-    // The summary restarted the window: the next repeat is silent again.
-    say("r1", "late");
-    EXPECT_EQ(doubles::log_lines().size(), 2u);
-}
-
 TEST_F(TraceLogTest, TheWindowIsMeasuredAcrossTheTickWrap)
 {
     qmtp_tick_freeze(0xFFFFFF00u);
