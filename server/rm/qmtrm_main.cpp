@@ -57,7 +57,7 @@ int main(int argc, char **argv)
                                               "until SIGINT or SIGTERM");
     add_env_options(run, &env);
     run->add_option("--service", service, "Service to run")->check(CLI::IsMember({"sdw", "disknp"}));
-    run->add_option("--threads", threads, "Threads that run passes (more are added while passes are overdue)")
+    run->add_option("--threads", threads, "Threads kept for passes (one more starts for a due pass that finds none idle, up to one per resource)")
         ->check(CLI::Range(1, 256));
     run->add_option("--stop-wait", stop_wait_ms, "At stop, how long to wait for running passes (ms)")
         ->check(CLI::Range(0, 600000));
