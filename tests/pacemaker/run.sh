@@ -9,16 +9,7 @@ dir=${1:-$root/build}
 here=$root/tests/pacemaker
 
 if [ "$(id -u)" -eq 0 ]; then
-  need=(pacemaker pacemaker-cli-utils corosync resource-agents libxml2-utils help2man debootstrap dpkg-dev iproute2)
-  missing=()
-  for p in "${need[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-  done
-  if ((${#missing[@]})); then
-    echo "installing: ${missing[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-  fi
+  bash "$root/scripts/deps.sh" cluster
 fi
 # Configure again so that the manual pages are built now that help2man is there.
 cmake "$dir" >/dev/null
