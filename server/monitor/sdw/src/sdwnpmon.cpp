@@ -359,7 +359,8 @@ end:
  * stay in place while they are read here. */
 static BOOL SdwNpWorkerEnding(SDW_RSC *rsc)
 {
-    return SdwLoad(rsc->term_event) != NULL && WaitForSingleObject(SdwLoad(rsc->term_event), 0) == WAIT_OBJECT_0;
+    HANDLE term = SdwLoad(rsc->term_event);
+    return term != NULL && WaitForSingleObject(term, 0) == WAIT_OBJECT_0;
 }
 
 /* Cancels the I/O of every open device slot; `with_name` picks the stop's wording. */
