@@ -17,6 +17,7 @@ add_library(qmtrm_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_plugin.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_engine.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_run.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_supervise.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_health.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script_parse.cpp

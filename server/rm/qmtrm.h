@@ -113,6 +113,17 @@ private:
     HANDLE log_ = nullptr;
 };
 
+// Starts the process that does the work (qmtrm_supervise.cpp). Returns kSupervisedChild in that
+// process; in the one that was started, waits and returns the exit status the other announced.
+constexpr int kSupervisedChild = -1;
+int supervise();
+// Tells the waiting process the exit status; nothing in a process that was not supervised.
+void announce_exit(int code);
+// The process the operator started: the waiting one in a supervised process, else this one.
+int started_pid();
+// Leaves at once, without destructors or teardown, with the status announced.
+[[noreturn]] void leave_now(int code);
+
 int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_ms, double duration_s,
              bool verbose);
 int check_main(Service service, const EnvOptions &env, bool json);

@@ -98,11 +98,11 @@ std::string holder_text(int fd)
 
 } // namespace
 
-ProcessId self_process()
+ProcessId process_id(int pid)
 {
     ProcessId me;
-    me.pid = static_cast<int>(getpid());
-    std::ifstream stat("/proc/self/stat");
+    me.pid = pid > 0 ? pid : static_cast<int>(getpid());
+    std::ifstream stat("/proc/" + std::to_string(me.pid) + "/stat");
     std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
     // Field 22 is the start time; the command name (field 2) may hold blanks, so count from its ')'.
     size_t paren = text.rfind(')');
@@ -169,7 +169,7 @@ std::string board_name(const std::string &prefix, const std::string &service)
 }
 
 Board *Board::create(const std::string &prefix, const std::string &service, const std::string &server,
-                     const std::vector<BoardEntry> &rows, std::string *why)
+                     const std::vector<BoardEntry> &rows, std::string *why, int writer)
 {
     const std::string name = board_name(prefix, service);
     if (rows.size() > kMaxRows) {
@@ -221,7 +221,7 @@ Board *Board::create(const std::string &prefix, const std::string &service, cons
         table[i].interval_s = rows[i].interval_s;
         table[i].timeout_s = rows[i].timeout_s;
     }
-    ProcessId me = self_process();
+    ProcessId me = process_id(writer);
     header->version = kVersion;
     header->row_size = sizeof(Row);
     header->capacity = static_cast<uint32_t>(rows.size());

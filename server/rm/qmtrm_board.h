@@ -18,7 +18,8 @@ struct ProcessId {
     int pid = 0;
     uint64_t start = 0;
 };
-ProcessId self_process();
+// A process as /proc names it now; the calling process by default.
+ProcessId process_id(int pid = 0);
 bool process_alive(const ProcessId &process);
 
 // Row flags.
@@ -60,11 +61,12 @@ std::string shm_prefix();
 std::string board_name(const std::string &prefix, const std::string &service);
 
 // The writer's side. create() makes the segment (mode 0600, never following a planted name) or
-// takes over one whose writer is gone; it refuses while another process holds the name.
+// takes over one whose writer is gone; it refuses while another process holds the name. The
+// writer it names is `writer` (the process the operator started), else the calling process.
 class Board {
 public:
     static Board *create(const std::string &prefix, const std::string &service, const std::string &server,
-                         const std::vector<BoardEntry> &rows, std::string *why);
+                         const std::vector<BoardEntry> &rows, std::string *why, int writer = 0);
     ~Board();  // unlinks the segment
     Board(const Board &) = delete;
     Board &operator=(const Board &) = delete;

@@ -95,7 +95,8 @@ int main(int argc, char **argv)
         "  fault FUNCTION N [ERR] | fault clear | expect-live handles|allocations N\n"
         "  conf set KEY VALUE | conf remove KEY | conf write FILE | shm NAME | expect-shm NAME PROGRESS \"TEXT\"\n"
         "Exit statuses: 0 every expect held; 1 an expect failed; 2 a line not understood; 3 plug-in not "
-        "loaded; 4 an async call still running at a wait's limit.");
+        "loaded; 4 an async call still running at a wait's limit or at a stop signal; 130/143 stopped by "
+        "SIGINT/SIGTERM after tearing down what the script initialised.");
 
     double demo_duration = 20;
     std::string demo_plugin;
@@ -114,11 +115,17 @@ int main(int argc, char **argv)
         int rc = app.exit(e);
         return rc == 0 ? qmtrm::kExitOk : qmtrm::kExitUsage;
     }
-    if (*run)
-        return qmtrm::run_main(to_service(service), env, threads, stop_wait_ms, run_duration, verbose);
+    if (*run) {
+        int rc = qmtrm::run_main(to_service(service), env, threads, stop_wait_ms, run_duration, verbose);
+        qmtrm::announce_exit(rc);
+        return rc;
+    }
     if (*check)
         return qmtrm::check_main(to_service(service), env, json);
-    if (*script)
-        return qmtrm::script_main(script_file, env, times);
+    if (*script) {
+        int rc = qmtrm::script_main(script_file, env, times);
+        qmtrm::announce_exit(rc);
+        return rc;
+    }
     return qmtrm::demo_main(to_service(service), demo_duration, verbose, demo_plugin, keep);
 }

@@ -86,9 +86,8 @@ std::string kernel_probes()
 [[noreturn]] void leave(int code, const std::string &text)
 {
     say(text);
-    std::fflush(nullptr);
     // Tearing down or unloading under a running call would pull its record from under it.
-    _exit(code);
+    leave_now(code);
 }
 
 void watch_signals()
@@ -206,6 +205,10 @@ void Board::publish(const Engine &engine, bool check_points)
 
 int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_ms, double duration_s, bool verbose)
 {
+    // Before any thread starts: a probe stuck in the kernel then holds the child, never the
+    // process the operator waits for.
+    if (int rc = supervise(); rc != kSupervisedChild)
+        return rc;
     static RunControl run_control;
     control = &run_control;
     control->stop_wait_ms = stop_wait_ms;
@@ -256,7 +259,7 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
         rows.push_back(row);
     }
     const std::string prefix = shm_prefix();
-    std::unique_ptr<Board> board(Board::create(prefix, service_name(service), config.server, rows, &why));
+    std::unique_ptr<Board> board(Board::create(prefix, service_name(service), config.server, rows, &why, started_pid()));
     if (!board) {
         std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
         return finish(kExitInit);

@@ -9,10 +9,17 @@
 #include "qmtplat.h"
 #include "qmtshm_admin.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
+
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -32,6 +39,8 @@ using script::Statement;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kDefaultWaitMs = 30000;
+// After a stop signal, how long the line in progress and the teardown may take.
+constexpr int kStopWaitMs = 5000;
 
 // A failure while running a line that is the script's own fault (a file it names is missing).
 struct ScriptError {
@@ -174,9 +183,13 @@ public:
     int run(const std::vector<Statement> &statements)
     {
         for (const Statement &st : statements) {
+            if (stop_signal_ != 0)
+                return tear_down();
             line_ = st.line;
             try {
                 int rc = execute(st);
+                if (stop_signal_ != 0)
+                    return tear_down();
                 if (rc != kExitOk)
                     return finish(rc);
             } catch (const ScriptError &e) {
@@ -192,7 +205,50 @@ public:
         return kExitOk;
     }
 
+    // A stop signal: the line in progress ends, then the script stops and what it initialised is
+    // torn down.
+    void interrupt(int signal_number)
+    {
+        {
+            std::lock_guard lock(mutex_);
+            stop_signal_ = signal_number;
+        }
+        done_.notify_all();
+    }
+
 private:
+    // Tears down the service the script initialised, as its own Uninit line would, unless an
+    // async call still runs in the plug-in: then it leaves without teardown.
+    int tear_down()
+    {
+        const char *sig = stop_signal_ == SIGINT ? "SIGINT" : stop_signal_ == SIGTERM ? "SIGTERM" : "SIGHUP";
+        std::vector<std::string> running;
+        {
+            std::lock_guard lock(mutex_);
+            for (auto &a : asyncs_)
+                if (!a->done)
+                    running.push_back(async_title(*a));
+        }
+        if (!running.empty()) {
+            for (const std::string &title : running)
+                std::printf("%d: %s: %s still running; leaving without teardown\n", line_, sig, title.c_str());
+            leave_now(kExitStuck);
+        }
+        if (!asyncs_.empty())
+            collect("", 0);
+        if (service_ != script::Service::None) {
+            script::Call call = init_call_;
+            call.export_name = service_ == script::Service::Sdw ? "UninitRscDll" : "UninitNpRscDll";
+            DWORD result = invoke(plugin_, call);
+            note_service(call, result);
+            std::printf("%d: %s: teardown: %s -> %s\n", line_, sig, call.export_name.c_str(),
+                        result_text(call, result).c_str());
+        } else {
+            std::printf("%d: %s: stopped; nothing to tear down\n", line_, sig);
+        }
+        return 128 + stop_signal_;
+    }
+
     // Leaving early: an async call that is still running cannot be joined, so the host leaves
     // without running any destructor under it.
     int finish(int rc)
@@ -201,7 +257,7 @@ private:
         for (auto &a : asyncs_) {
             if (!a->done) {
                 std::fflush(nullptr);
-                _exit(rc);
+                leave_now(rc);
             }
         }
         return rc;
@@ -250,6 +306,7 @@ private:
         if (call.is_init && service_ == script::Service::None) {
             service_ = call.service;
             service_line_ = line_;
+            init_call_ = call;
         } else if (call.is_uninit && call.service == service_) {
             service_ = script::Service::None;
         }
@@ -274,6 +331,7 @@ private:
             return start_async(st);
         case Op::Wait:
             std::printf("%d: %s\n", line_, st.shown.c_str());
+            std::fflush(stdout);
             return collect(st.name, st.has_n ? static_cast<int>(st.n) : kDefaultWaitMs);
         case Op::Expect: {
             if (!have_result_)
@@ -317,7 +375,10 @@ private:
         case Op::Sleep:
             std::printf("%d: %s\n", line_, st.shown.c_str());
             std::fflush(stdout);
-            std::this_thread::sleep_for(std::chrono::milliseconds(st.n));
+            {
+                std::unique_lock lock(mutex_);
+                done_.wait_for(lock, std::chrono::milliseconds(st.n), [this] { return stop_signal_ != 0; });
+            }
             return kExitOk;
         case Op::Fault:
             qmtp_fault_set(st.name.c_str(), static_cast<unsigned>(st.n), static_cast<DWORD>(st.m));
@@ -540,19 +601,22 @@ private:
             throw ScriptError{"no async call named " + name};
         std::unique_lock lock(mutex_);
         bool all = done_.wait_for(lock, std::chrono::milliseconds(bound_ms), [&] {
+            if (stop_signal_ != 0)
+                return true;
             for (auto &a : asyncs_)
                 if (chosen(*a) && !a->done)
                     return false;
             return true;
         });
+        if (stop_signal_ != 0 && bound_ms > 0)
+            return kExitOk;  // the run loop tears down
         if (!all) {
             for (auto &a : asyncs_)
                 if (chosen(*a) && !a->done)
                     std::printf("%d: %s still running after %d ms\n", line_, async_title(*a).c_str(), bound_ms);
             std::fflush(stdout);
             std::fprintf(stderr, "qmtrm: line %d: async call(s) still running; leaving without teardown\n", line_);
-            std::fflush(stderr);
-            _exit(kExitStuck);
+            leave_now(kExitStuck);
         }
         lock.unlock();
         for (auto it = asyncs_.begin(); it != asyncs_.end();) {
@@ -588,10 +652,55 @@ private:
     bool frozen_ = false;
     script::Service service_ = script::Service::None;
     int service_line_ = 0;
+    script::Call init_call_;  // the call that initialised service_, for a teardown on a stop signal
+    std::atomic<int> stop_signal_{0};
     std::vector<std::unique_ptr<Async>> asyncs_;
     std::mutex mutex_;
     std::condition_variable done_;
 };
+
+// Stop signals are written into a pipe by the handler; a thread reads them. The first stops the
+// script after the line in progress and tears down; the script has kStopWaitMs for both, and a
+// second signal leaves at once.
+int stop_pipe[2] = {-1, -1};
+
+void on_stop_signal(int signal_number)
+{
+    int saved = errno;
+    unsigned char byte = static_cast<unsigned char>(signal_number);
+    (void)!write(stop_pipe[1], &byte, 1);
+    errno = saved;
+}
+
+void watch_stop_signals(Runner *runner, const std::atomic<bool> *finished)
+{
+    const char *first = nullptr;
+    Clock::time_point since;
+    for (;;) {
+        pollfd p{stop_pipe[0], POLLIN, 0};
+        int n = poll(&p, 1, first ? 100 : -1);
+        if (*finished)
+            return;
+        if (first && Clock::now() - since >= std::chrono::milliseconds(kStopWaitMs)) {
+            std::fprintf(stderr, "qmtrm: the script still runs %d ms after %s; leaving without teardown\n",
+                         kStopWaitMs, first);
+            leave_now(kExitStuck);
+        }
+        unsigned char byte = 0;
+        if (n <= 0 || read(stop_pipe[0], &byte, 1) != 1 || byte == 0)
+            continue;
+        const char *name = byte == SIGINT ? "SIGINT" : byte == SIGTERM ? "SIGTERM" : "SIGHUP";
+        if (first) {
+            std::fprintf(stderr, "qmtrm: second %s: leaving at once without teardown\n", name);
+            leave_now(kExitStuck);
+        }
+        first = name;
+        since = Clock::now();
+        std::fprintf(stderr, "qmtrm: %s: stopping after the line in progress; tearing down what the script "
+                             "initialised\n", name);
+        runner->interrupt(byte);
+    }
+}
 
 } // namespace
 
@@ -627,6 +736,14 @@ int script_main(const std::string &file, const EnvOptions &env, bool times)
         std::fprintf(stderr, "qmtrm: line %d: %s\n", e.line, e.what.c_str());
         return kExitUsage;
     }
+    // Once the script is read (it may come from a terminal) and before any thread starts.
+    if (int rc = supervise(); rc != kSupervisedChild)
+        return rc;
+    if (pipe2(stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        std::fprintf(stderr, "qmtrm: cannot create a pipe: %s\n", std::strerror(errno));
+        return kExitInit;
+    }
+    fcntl(stop_pipe[0], F_SETFL, 0);  // only the handler's end must never block
     Plugin plugin;
     if (!load_plugin(plugin_path(env.plugin), &plugin, &why)) {
         std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
@@ -641,7 +758,19 @@ int script_main(const std::string &file, const EnvOptions &env, bool times)
     int rc;
     {
         Runner runner(plugin, options);
+        std::atomic<bool> finished{false};
+        std::thread watcher(watch_stop_signals, &runner, &finished);
+        struct sigaction action {};
+        action.sa_handler = on_stop_signal;
+        action.sa_flags = SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        for (int sig : {SIGINT, SIGTERM, SIGHUP})
+            sigaction(sig, &action, nullptr);
         rc = runner.run(statements);
+        finished = true;
+        unsigned char wake = 0;
+        (void)!write(stop_pipe[1], &wake, 1);
+        watcher.join();
     }
     std::fflush(stdout);
     unload_status_texts();

@@ -1,0 +1,87 @@
+// stallfs MOUNTDIR IMAGE HOLDFILE - serves IMAGE as MOUNTDIR/disk.img through FUSE, read-only, and
+// holds every read while HOLDFILE exists (at most 60 s, so that a test that fails never leaves the
+// kernel waiting for ever). A loop device over MOUNTDIR/disk.img is then a real block device whose
+// reads a test can hold in the kernel. Runs in the foreground until unmounted or killed.
+#define FUSE_USE_VERSION 31
+#include <fuse.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+int image_fd = -1;
+const char *hold_file = nullptr;
+off_t image_size = 0;
+
+int fs_getattr(const char *path, struct stat *st, fuse_file_info *)
+{
+    std::memset(st, 0, sizeof *st);
+    if (std::strcmp(path, "/") == 0) {
+        st->st_mode = S_IFDIR | 0755;
+        st->st_nlink = 2;
+        return 0;
+    }
+    if (std::strcmp(path, "/disk.img") != 0)
+        return -ENOENT;
+    st->st_mode = S_IFREG | 0444;
+    st->st_nlink = 1;
+    st->st_size = image_size;
+    return 0;
+}
+
+int fs_open(const char *path, fuse_file_info *fi)
+{
+    if (std::strcmp(path, "/disk.img") != 0)
+        return -ENOENT;
+    fi->direct_io = 1;  // every read reaches us: no page cache answers for a held disk
+    return 0;
+}
+
+int fs_read(const char *, char *buf, size_t size, off_t off, fuse_file_info *)
+{
+    for (int i = 0; i < 6000 && access(hold_file, F_OK) == 0; ++i)
+        usleep(10000);
+    ssize_t n = pread(image_fd, buf, size, off);
+    return n < 0 ? -errno : static_cast<int>(n);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc != 4) {
+        std::fprintf(stderr, "usage: stallfs MOUNTDIR IMAGE HOLDFILE\n");
+        return 2;
+    }
+    image_fd = open(argv[2], O_RDONLY | O_CLOEXEC);
+    struct stat st {};
+    if (image_fd < 0 || fstat(image_fd, &st) != 0) {
+        std::perror(argv[2]);
+        return 1;
+    }
+    image_size = st.st_size;
+    hold_file = argv[3];
+    fuse_operations ops{};
+    ops.getattr = fs_getattr;
+    ops.open = fs_open;
+    ops.read = fs_read;
+    char arg0[] = "qmt-stallfs";
+    char *fuse_argv[] = {arg0, nullptr};
+    fuse_args args = FUSE_ARGS_INIT(1, fuse_argv);
+    fuse *f = fuse_new(&args, &ops, sizeof ops, nullptr);
+    fuse_opt_free_args(&args);
+    if (f == nullptr || fuse_mount(f, argv[1]) != 0) {
+        std::fprintf(stderr, "stallfs: cannot mount %s\n", argv[1]);
+        return 1;
+    }
+    int rc = fuse_loop_mt(f, 0);  // threads: a held read must not hold the others
+    fuse_unmount(f);
+    fuse_destroy(f);
+    return rc == 0 ? 0 : 1;
+}
