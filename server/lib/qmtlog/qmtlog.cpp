@@ -29,6 +29,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace qmtlog {
@@ -68,7 +69,7 @@ struct Table {
 
 struct Library {
     std::mutex mutex;
-    std::map<std::string, std::unique_ptr<Module>> modules;  // never removed: handles stay valid
+    std::map<std::string, std::unique_ptr<Module>, std::less<>> modules;  // never removed: handles stay valid
     std::set<const Module *> open;
     Module *last = nullptr;
     std::set<const Table *> tables;
@@ -458,7 +459,7 @@ int WINAPI QmtLogGetSettings(const char *module, int *level, int *size, int rese
     if (!module || !*module) return qmtlog::kBadParameter;
     Library &l = lib();
     std::lock_guard<std::mutex> lock(l.mutex);
-    auto it = l.modules.find(module);
+    auto it = l.modules.find(std::string_view(module));  // asked for every trace line: no copy of the name
     // A module nobody opened or set yet has the defaults it would be opened with.
     if (level) *level = it == l.modules.end() ? qmtlog::kDefaultLevel : it->second->level.load();
     if (size) *size = it == l.modules.end() ? qmtlog::kDefaultSize : it->second->size.load();

@@ -93,11 +93,18 @@ void notify(Object &o) {
         w->cv.notify_one();
 }
 
+// A mutex a thread has taken. The entry stays after a release, so that a mutex taken and given
+// back on every call (the log lock) costs one look down a short list, not an entry each time.
+struct Owned {
+    const Object *raw;
+    std::weak_ptr<Object> ref;
+};
+
 // Gives up the mutexes a thread still owns when it ends; the next waiter sees them abandoned.
 // Caller holds the engine lock.
-void abandon_owned_locked(std::vector<std::weak_ptr<Object>> &owned, DWORD tid) {
+void abandon_owned_locked(std::vector<Owned> &owned, DWORD tid) {
     for (auto &w : owned) {
-        ObjectPtr o = w.lock();
+        ObjectPtr o = w.ref.lock();
         if (o && o->owner == tid) {
             o->owner = 0;
             o->recursion = 0;
@@ -110,7 +117,7 @@ void abandon_owned_locked(std::vector<std::weak_ptr<Object>> &owned, DWORD tid) 
 
 // The thread-exit hook: every thread that ever took a mutex has one.
 struct ThreadExit {
-    std::vector<std::weak_ptr<Object>> owned;
+    std::vector<Owned> owned;
     DWORD tid = 0;
     ~ThreadExit() {
         if (owned.empty())
@@ -122,6 +129,19 @@ struct ThreadExit {
 };
 
 thread_local ThreadExit t_exit;
+
+// Notes that the calling thread took `o`. Caller holds the engine lock.
+void remember_owned(Object &o, DWORD tid) {
+    auto &owned = t_exit.owned;
+    t_exit.tid = tid;
+    for (const Owned &w : owned)
+        if (w.raw == &o && !w.ref.expired())
+            return;
+    if (owned.size() >= 8)
+        owned.erase(std::remove_if(owned.begin(), owned.end(), [](const Owned &w) { return w.ref.expired(); }),
+                    owned.end());
+    owned.push_back({&o, o.weak_from_this()});
+}
 
 void abandon_current_thread() {
     Engine &e = engine();
@@ -182,8 +202,7 @@ bool acquire(Object *o, DWORD tid) {
         } else {
             o->owner = tid;
             o->recursion = 1;
-            t_exit.tid = tid;
-            t_exit.owned.emplace_back(o->weak_from_this());
+            remember_owned(*o, tid);
         }
         const bool was_abandoned = o->abandoned;
         o->abandoned = false;
@@ -442,10 +461,8 @@ HANDLE WINAPI CreateMutexA(LPSECURITY_ATTRIBUTES, BOOL initial_owner, LPCSTR nam
         qmtp::Engine &e = qmtp::engine();
         std::lock_guard<std::mutex> g(e.lock);
         ObjectPtr o = qmtp::find_locked(e, h);
-        if (o && o->owner == init.tid) {
-            qmtp::t_exit.tid = init.tid;
-            qmtp::t_exit.owned.emplace_back(o);
-        }
+        if (o && o->owner == init.tid)
+            qmtp::remember_owned(*o, init.tid);
     }
     SetLastError(existed ? qmtp::kErrorAlreadyExists : ERROR_SUCCESS);
     return h;
@@ -456,7 +473,8 @@ BOOL WINAPI ReleaseMutex(HANDLE mutex) {
     qmtp::Engine &e = qmtp::engine();
     const DWORD tid = qmtp::current_thread_id();
     std::lock_guard<std::mutex> g(e.lock);
-    ObjectPtr o = qmtp::find_locked(e, mutex);
+    auto it = e.table.find(reinterpret_cast<uintptr_t>(mutex));
+    Object *o = it == e.table.end() ? nullptr : it->second.get();
     if (!o || o->kind != Kind::Mutex) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
@@ -467,13 +485,6 @@ BOOL WINAPI ReleaseMutex(HANDLE mutex) {
     }
     if (--o->recursion == 0) {
         o->owner = 0;
-        // Same control block = same object; no need to lock the weak references.
-        auto &owned = qmtp::t_exit.owned;
-        owned.erase(std::remove_if(owned.begin(), owned.end(),
-                                   [&](const std::weak_ptr<Object> &w) {
-                                       return w.expired() || (!w.owner_before(o) && !o.owner_before(w));
-                                   }),
-                    owned.end());
         qmtp::notify(*o);
     }
     return TRUE;
