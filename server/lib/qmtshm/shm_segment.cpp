@@ -5,12 +5,14 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -277,19 +279,32 @@ uint64_t process_start(pid_t pid)
     return pid > 0 ? read_start(pid) : 0;
 }
 
+// Every write of an entry names its writer, so this process's pid and start time are read once
+// (getpid() is a system call) and read again only in a child after a fork.
+namespace {
+std::atomic<pid_t> g_self_pid{0};
+std::atomic<uint64_t> g_self_start{0};
+void forget_self() { g_self_pid = 0; g_self_start = 0; }
+} // namespace
+
 pid_t self_pid()
 {
-    return getpid();
+    pid_t pid = g_self_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        static const int registered = pthread_atfork(nullptr, nullptr, forget_self);
+        (void)registered;
+        pid = getpid();
+        g_self_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
 }
 
 uint64_t self_start()
 {
-    // Per process: a forked child reads its own.
-    static thread_local pid_t pid = 0;
-    static thread_local uint64_t start = 0;
-    if (pid != getpid()) {
-        pid = getpid();
-        start = read_start(pid);
+    uint64_t start = g_self_start.load(std::memory_order_relaxed);
+    if (start == 0) {
+        start = read_start(self_pid());
+        g_self_start.store(start, std::memory_order_relaxed);
     }
     return start;
 }
