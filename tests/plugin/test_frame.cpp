@@ -2,6 +2,7 @@
 #include "fixture.h"
 
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <thread>
 
@@ -83,12 +84,51 @@ TEST_F(FrameTest, AccessorsReadAndWriteTheirFieldsUnderTheRecordLock)
     EXPECT_EQ(SdwGetMonTick(&table_[0]), 0xFFFFFFF0u);
     EXPECT_EQ(SdwGetIsDoMontr(&table_[0]), 1);
     EXPECT_EQ(SdwGetIsDoMontr(&table_[1]), 0);
-    EXPECT_TRUE(lines_with("failed").empty());
-    EXPECT_TRUE(logged("32|SdwSetMonTick|Start - (Name=sdw1 Tick=-16)"));
-    EXPECT_TRUE(logged("32|SdwGetMonTick|End - (Ret=-16)"));
+    // Every accessor logs its entry and exit around the record lock's own entry and exit.
+    auto framed = [](const char *function, const std::string &start, const std::string &end, SDW_RSC &r) {
+        char hdl[16];
+        std::snprintf(hdl, sizeof hdl, "%x", SDW_HDL(r.mutex));
+        const std::string fn = std::string("32|") + function + "|";
+        return std::vector<std::string>{fn + start,
+                                        std::string("32|SdwMutexLock|Start - (Hdl=") + hdl + " Timeout=10000)",
+                                        "32|SdwMutexLock|End - (Ret=0)",
+                                        std::string("32|SdwMutexUnlock|Start - (Hdl=") + hdl + ")",
+                                        "32|SdwMutexUnlock|End - (Ret=0)",
+                                        fn + end};
+    };
+    std::vector<std::string> expected;
+    for (const auto &part : {framed("SdwSetMonTick", "Start - (Name=sdw1 Tick=-16)", "End - ()", table_[0]),
+                             framed("SdwSetIsDoMontr", "Start - (Status=1 Name=sdw1)", "End - ()", table_[0]),
+                             framed("SdwGetMonTick", "Start - (Name=sdw1)", "End - (Ret=-16)", table_[0]),
+                             framed("SdwGetIsDoMontr", "Start - (Name=sdw1)", "End - (Ret=1)", table_[0]),
+                             framed("SdwGetIsDoMontr", "Start - (Name=sdw2)", "End - (Ret=0)", table_[1])})
+        expected.insert(expected.end(), part.begin(), part.end());
+    EXPECT_EQ(doubles::log_lines(), expected);
     for (SDW_RSC &r : table_) {
         CloseHandle(r.mutex);
     }
+}
+
+// A time-out of 0 tries the lock once; only a negative one waits for ever.
+TEST_F(FrameTest, LockWithATimeOutOfZeroDoesNotWait)
+{
+    HANDLE m = CreateMutexA(nullptr, FALSE, nullptr);
+    ASSERT_EQ(SdwMutexLock(m, 0), 0);
+    std::atomic<int32_t> other{-1};
+    std::thread t([m, &other] {
+        other = SdwMutexLock(m, 0);
+        if (other == 0)
+            SdwMutexUnlock(m);
+    });
+    for (int i = 0; i < 200 && other == -1; ++i)
+        Sleep(10);
+    EXPECT_EQ(other.load(), SDW_ERR_LOCK) << "a time-out of 0 waited for the lock";
+    EXPECT_EQ(SdwMutexUnlock(m), 0);
+    t.join();
+    char line[96];
+    std::snprintf(line, sizeof line, "1|SdwMutexLock|WaitForSingleObject() timeout. (Hdl=%#x Timeout=0)", SDW_HDL(m));
+    EXPECT_TRUE(logged(line));
+    CloseHandle(m);
 }
 
 TEST_F(FrameTest, TickIsNeverZeroAcrossTheWrap)
