@@ -76,6 +76,24 @@ TEST_F(NpExportsTest, InitialisesOnceAndTearsDownOnce)
     EXPECT_EQ(gsdwInitCount, 1u);
 }
 
+// Each step of the initialisation failing in turn gives its own message and the result 1.
+TEST_F(NpExportsTest, EveryFailingStepSaysWhichAndFails)
+{
+    const std::vector<std::pair<std::string, std::string>> steps = {
+        {"cs_gethostname", "1|InitNpRscDll|cs_gethostname() failed. (Ret=9)"},
+        {"shmcm_attach", "1|InitNpRscDll|shmcm_attach() failed. (Ret=9)"},
+        {"xmllib_init", "1|InitNpRscDll|xmllib_init() failed. (Ret=0x9)"},
+        {"xmllib_load_config", "1|InitNpRscDll|xmllib_load_config() failed. (Ret=0x9)"},
+    };
+    for (const auto &[fail, message] : steps) {
+        doubles::clear_calls();
+        doubles::fail(fail, 9);
+        EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u) << fail;
+        EXPECT_TRUE(logged(message)) << fail;
+        EXPECT_EQ(gsdwInitCount, 0u) << fail;
+    }
+}
+
 TEST_F(NpExportsTest, FailedPolicyUnwindsEverythingAndClosesTheLog)
 {
     doubles::fail("xmllib_load_policy", 3);
