@@ -76,6 +76,7 @@ TEST_F(ExportsTest, TeardownCallsInItsOrderAndTheLastLinesGoOutWithAndWithoutThe
                 }),
                 calls.end());
     EXPECT_EQ(calls, expected);
+    EXPECT_EQ(doubles::log_lines_upto(QMTLOG_WARNING), std::vector<std::string>{}) << "a clean teardown reports no failure";
     // "End - (Ret=0)" twice: once into the open log, once after it was closed.
     std::vector<const doubles::Call *> ends;
     for (const doubles::Call &c : doubles::calls())
