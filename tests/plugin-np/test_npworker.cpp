@@ -285,4 +285,23 @@ TEST_F(NpWorkerTest, StopAfterATimedOutProbeDropsTheProbe)
     EXPECT_EQ(SdwLoad(r_->result), 90);
 }
 
+// A stop during a probe: the worker's own cancellation failing drops the probe by closing its
+// device. The result of that run is gone once the worker starts again.
+TEST_F(NpWorkerTest, AnUncancellableProbeIsClosedAndARestartClearsTheResult)
+{
+    setup({"np1", 30, 1, 0, 0, vol(0)});
+    qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
+    ASSERT_EQ(start("np1"), 0u);
+    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 3; }, 3000));
+    SdwSetResult(r_, 90);
+    qmtp_fault_set("CancelIo", 2, 5);  // the stop's cancellation works, the worker's own does not
+    ASSERT_EQ(stop("np1"), 0u);
+    EXPECT_EQ(lines_with("2|SdwNpMonitor|CancelIo() failed. (Name=np1 Hdl=").size(), 1u);
+    qmtp::sim::set_disk(0, {});
+    ASSERT_EQ(start("np1"), 0u);
+    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 1; }, 3000));  // waiting for its first cycle
+    EXPECT_EQ(SdwLoad(r_->result), 0);
+    ASSERT_EQ(stop("np1"), 0u);
+}
+
 }  // namespace
