@@ -35,6 +35,8 @@ TEST_F(ExportsTest, InitialisesPassesTearsDownAndInitialisesAgain)
     EXPECT_EQ(logged("4|InitRscDll|***** 1.2.3.4/5.6.7.8 *****"), first_in_process);
     EXPECT_TRUE(logged("4|InitRscDll|Start - (DllName=qmtsdw DllType=0 ExecMode=0)"));
     EXPECT_TRUE(doubles::string_table_loaded());
+    const std::vector<std::string> calls = doubles::service_calls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "QmtLoadStringTable(sdw|0)"), 1);
     EXPECT_TRUE(doubles::cm_attached() && doubles::rm_attached());
     EXPECT_EQ(doubles::policies_loaded(), (std::vector<std::string>{"sdw", "rm"}));
 
