@@ -37,6 +37,7 @@ TEST_F(ExportsTest, InitialisesPassesTearsDownAndInitialisesAgain)
     EXPECT_TRUE(doubles::string_table_loaded());
     const std::vector<std::string> calls = doubles::service_calls();
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "QmtLoadStringTable(sdw|0)"), 1);
+    EXPECT_EQ(doubles::log_lines_upto(QMTLOG_WARNING), std::vector<std::string>{}) << "a clean start reports no failure";
     EXPECT_TRUE(doubles::cm_attached() && doubles::rm_attached());
     EXPECT_EQ(doubles::policies_loaded(), (std::vector<std::string>{"sdw", "rm"}));
 
