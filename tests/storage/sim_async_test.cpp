@@ -55,17 +55,17 @@ TEST_F(PendingProbe, CompletesLaterWithTheDisksAnswer) {
         const char *disk;  // the description line of disk 1
         bool wait_result;  // take the result with bWait rather than after the event
         DWORD error;       // what the probe ends with (0: success)
-        unsigned pending;  // probes the disk holds right after the issue (a failure without a delay: none)
     };
-    for (const Case &c : {Case{"disk 1 delay 50", false, 0, 1}, Case{"disk 1 delay 30", true, 0, 1},
-                          Case{"disk 1 fail 1117 after 20", false, 1117, 1}, Case{"disk 1 fail 21", true, 21, 0}}) {
+    // Even a failure without a delay is answered from the backend's thread, so how many probes
+    // are still pending right after the issue depends on scheduling and is not checked.
+    for (const Case &c : {Case{"disk 1 delay 50", false, 0}, Case{"disk 1 delay 30", true, 0},
+                          Case{"disk 1 fail 1117 after 20", false, 1117}, Case{"disk 1 fail 21", true, 21}}) {
         SCOPED_TRACE(c.disk);
         load(std::string(c.disk) + "\n");
         HANDLE d = open_disk(1);
         Probe p;
         EXPECT_FALSE(p.issue(d));
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
-        EXPECT_EQ(sim::pending_count(1), c.pending);
         if (!c.wait_result) {
             ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
             EXPECT_EQ(p.ov->Internal == 0, c.error == 0);
