@@ -294,7 +294,10 @@ TEST_F(NpWorkerTest, AnUncancellableProbeIsClosedAndARestartClearsTheResult)
     ASSERT_EQ(start("np1"), 0u);
     ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 3; }, 3000));
     SdwSetResult(r_, 90);
-    qmtp_fault_set("CancelIo", 2, 5);  // the stop's cancellation works, the worker's own does not
+    // The end request alone, as a stop makes it but without the stop's own cancellation, which
+    // would otherwise race the worker to the probe; the worker's cancellation then fails.
+    qmtp_fault_set("CancelIo", 1, 5);
+    ASSERT_TRUE(SetEvent(SdwLoad(r_->term_event)));
     ASSERT_EQ(stop("np1"), 0u);
     EXPECT_EQ(lines_with("2|SdwNpMonitor|CancelIo() failed. (Name=np1 Hdl=").size(), 1u);
     qmtp::sim::set_disk(0, {});
