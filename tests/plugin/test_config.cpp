@@ -132,6 +132,8 @@ TEST_F(ConfigTest, APolicyReadFailureStopsAtThatKey)
     const std::vector<std::string> expected = {"1|SdwGetPolicy|xmllib_get_value() failed. (Ret=0x7 key=/root/monitor/sdw/log/level)",
                                                "1|SdwGetConfig|SdwGetPolicy() failed. (Ret=0x63)"};
     EXPECT_EQ(errors, expected);
+    EXPECT_EQ(lines_with("|SdwGetPolicy|"), (std::vector<std::string>{"8|SdwGetPolicy|Start - ()", expected[0],
+                                                                       "8|SdwGetPolicy|End - (Ret=99)"}));
 }
 
 TEST_F(ConfigTest, ASecondBuildRefreshesPolicyAndKeepsTheTable)

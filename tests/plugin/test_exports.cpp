@@ -65,6 +65,21 @@ TEST_F(ExportsTest, InitialisesPassesTearsDownAndInitialisesAgain)
     EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u);
 }
 
+TEST_F(ExportsTest, APassPublishesItsStatusTextAndAFailedPublicationIsOnlyLogged)
+{
+    init();
+    EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u);
+    EXPECT_EQ(lines_with("|SdwSetShmDescription|"),
+              (std::vector<std::string>{"32|SdwSetShmDescription|Start - (Name=sdw1 Err=Normal ErrLen=256)",
+                                        "32|SdwSetShmDescription|End - ()"}));
+    doubles::clear_calls();
+    doubles::fail("shmrm_setdescript", 5);
+    EXPECT_EQ(DoMontr("sdw", "sdw1"), 0u);
+    EXPECT_EQ(lines_upto(QMTLOG_WARNING),
+              std::vector<std::string>{"1|SdwSetShmDescription|shmrm_setdescript() failed. (Ret=5 Name=sdw1 Err=Normal ErrLen=256)"});
+    uninit();
+}
+
 TEST_F(ExportsTest, TeardownCallsInItsOrderAndTheLastLinesGoOutWithAndWithoutTheLog)
 {
     init();
