@@ -28,8 +28,8 @@ constexpr int kKeyMissing = 2;       // no value under that key
 constexpr int kWrongKind = 13;       // value exists, but of the other kind
 constexpr int kTooSmall = 122;       // buffer too small; *size tells the room needed
 
-struct State {
-    std::mutex mutex;
+// What reset() restores; the mutex stays out of it.
+struct Data {
     std::vector<Call> calls;
 
     std::map<std::string, std::pair<int, int>> failures;  // function -> (result, times)
@@ -57,6 +57,10 @@ struct State {
     std::string hostname = "node1";
 };
 
+struct State : Data {
+    std::mutex mutex;
+};
+
 State &state() {
     static State s;
     return s;
@@ -64,19 +68,28 @@ State &state() {
 
 using Lock = std::lock_guard<std::mutex>;
 
-// Records a non-log call and returns the pending failure of that function, or 0.
-int record(State &s, const char *function, std::string args, HANDLE log = nullptr) {
-    Call c;
-    c.function = function;
-    c.args = std::move(args);
-    c.log = log;
-    // A failure may name the function alone, or the function with its arguments: "f(args)".
-    auto it = s.failures.find(std::string(function) + "(" + c.args + ")");
+// Runs `f` on the state under its mutex: the body of every accessor below.
+template <class F> decltype(auto) locked(F f) {
+    State &s = state();
+    Lock lock(s.mutex);
+    return f(s);
+}
+
+// The pending failure of `function` called with `args`, used up by this call; 0 when none. A
+// failure may name the function alone, or the function with its arguments: "f(args)".
+int take_failure(State &s, const std::string &function, const std::string &args) {
+    auto it = s.failures.find(function + "(" + args + ")");
     if (it == s.failures.end()) it = s.failures.find(function);
-    s.calls.push_back(std::move(c));
     if (it == s.failures.end()) return 0;
     int result = it->second.first;
     if (--it->second.second <= 0) s.failures.erase(it);
+    return result;
+}
+
+// Records a non-log call and returns the pending failure of that function, or 0.
+int record(State &s, const char *function, std::string args, HANDLE log = nullptr) {
+    int result = take_failure(s, function, args);
+    s.calls.push_back(Call{.function = function, .args = std::move(args), .log = log});
     return result;
 }
 
@@ -105,204 +118,108 @@ HANDLE const kTableHandle = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x53
 }  // namespace
 
 void reset() {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.calls.clear();
-    s.failures.clear();
-    s.key_failures.clear();
-    s.level = 4;
-    s.size = 10000000;
-    s.log_open = false;
-    s.table_loaded = false;
-    s.status_texts.clear();
-    s.ints.clear();
-    s.texts.clear();
-    s.names.clear();
-    s.xml_init = false;
-    s.config = false;
-    s.policies.clear();
-    s.ratio = 1;
-    s.cm = false;
-    s.rm = false;
-    s.descriptions.clear();
-    s.progress.clear();
-    s.hostname = "node1";
+    locked([](State &s) { static_cast<Data &>(s) = Data{}; });
 }
 
 const std::vector<Call> &calls() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.calls;
+    return locked([](State &s) -> const std::vector<Call> & { return s.calls; });
 }
 
 std::vector<std::string> log_lines() { return log_lines_upto(0x7fffffff); }
 
 std::vector<std::string> log_lines_upto(int max_level) {
-    State &s = state();
-    Lock lock(s.mutex);
-    std::vector<std::string> out;
-    for (const Call &c : s.calls)
-        if (c.function == "QmtLogWrite" && c.level <= max_level)
-            out.push_back(std::to_string(c.level) + "|" + c.log_function + "|" + c.text);
-    return out;
+    return locked([&](State &s) {
+        std::vector<std::string> out;
+        for (const Call &c : s.calls)
+            if (c.function == "QmtLogWrite" && c.level <= max_level)
+                out.push_back(std::to_string(c.level) + "|" + c.log_function + "|" + c.text);
+        return out;
+    });
 }
 
 std::vector<std::string> service_calls() {
-    State &s = state();
-    Lock lock(s.mutex);
-    std::vector<std::string> out;
-    for (const Call &c : s.calls)
-        if (c.function != "QmtLogWrite" && c.function != "QmtLogGetSettings")
-            out.push_back(c.function + "(" + c.args + ")");
-    return out;
+    return locked([](State &s) {
+        std::vector<std::string> out;
+        for (const Call &c : s.calls)
+            if (c.function != "QmtLogWrite" && c.function != "QmtLogGetSettings")
+                out.push_back(c.function + "(" + c.args + ")");
+        return out;
+    });
 }
 
 void clear_calls() {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.calls.clear();
+    locked([](State &s) { s.calls.clear(); });
 }
 
 void fail(const std::string &function, int result, int times) {
-    State &s = state();
-    Lock lock(s.mutex);
-    if (times <= 0) return;
-    s.failures[function] = {result, times};
+    if (times > 0) locked([&](State &s) { s.failures[function] = {result, times}; });
 }
 
 void fail_key(const std::string &key, int result) {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.key_failures[key] = result;
+    locked([&](State &s) { s.key_failures[key] = result; });
 }
 
 void set_log_settings(int level, int size) {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.level = level;
-    s.size = size;
+    locked([&](State &s) { s.level = level, s.size = size; });
 }
 
-int log_level() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.level;
-}
-
-int log_size() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.size;
-}
+int log_level() { return locked([](State &s) { return s.level; }); }
+int log_size() { return locked([](State &s) { return s.size; }); }
 
 void set_status_text(int status, const std::string &text) {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.status_texts[status] = text;
+    locked([&](State &s) { s.status_texts[status] = text; });
 }
 
-bool string_table_loaded() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.table_loaded;
-}
-
-bool log_open() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.log_open;
-}
-
+bool string_table_loaded() { return locked([](State &s) { return s.table_loaded; }); }
+bool log_open() { return locked([](State &s) { return s.log_open; }); }
 HANDLE log_handle() { return kLogHandle; }
 HANDLE string_table_handle() { return kTableHandle; }
 
 void set_int(const std::string &key, int value) {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.texts.erase(key);
-    s.ints[key] = value;
+    locked([&](State &s) { s.texts.erase(key), s.ints[key] = value; });
 }
 
 void set_text(const std::string &key, const std::string &value) {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.ints.erase(key);
-    s.texts[key] = value;
+    locked([&](State &s) { s.ints.erase(key), s.texts[key] = value; });
 }
 
 void erase_key(const std::string &key) {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.ints.erase(key);
-    s.texts.erase(key);
-    s.names.erase(key);
+    locked([&](State &s) { s.ints.erase(key), s.texts.erase(key), s.names.erase(key); });
 }
 
 void set_names(const std::string &key, const std::vector<std::string> &names) {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.names[key] = names;
+    locked([&](State &s) { s.names[key] = names; });
 }
 
-bool xml_initialised() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.xml_init;
-}
-
-bool config_loaded() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.config;
-}
-
-std::vector<std::string> policies_loaded() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.policies;
-}
-
-void set_ratio(int ratio) {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.ratio = ratio;
-}
-
-bool cm_attached() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.cm;
-}
-
-bool rm_attached() {
-    State &s = state();
-    Lock lock(s.mutex);
-    return s.rm;
-}
+bool xml_initialised() { return locked([](State &s) { return s.xml_init; }); }
+bool config_loaded() { return locked([](State &s) { return s.config; }); }
+std::vector<std::string> policies_loaded() { return locked([](State &s) { return s.policies; }); }
+void set_ratio(int ratio) { locked([&](State &s) { s.ratio = ratio; }); }
+bool cm_attached() { return locked([](State &s) { return s.cm; }); }
+bool rm_attached() { return locked([](State &s) { return s.rm; }); }
 
 std::string description(const std::string &type, const std::string &name) {
-    State &s = state();
-    Lock lock(s.mutex);
-    auto it = s.descriptions.find(type + "|" + name);
-    return it == s.descriptions.end() ? std::string() : it->second;
+    return locked([&](State &s) {
+        auto it = s.descriptions.find(type + "|" + name);
+        return it == s.descriptions.end() ? std::string() : it->second;
+    });
 }
 
 std::vector<int> progress(const std::string &type, const std::string &name) {
-    State &s = state();
-    Lock lock(s.mutex);
-    auto it = s.progress.find(type + "|" + name);
-    return it == s.progress.end() ? std::vector<int>() : it->second;
+    return locked([&](State &s) {
+        auto it = s.progress.find(type + "|" + name);
+        return it == s.progress.end() ? std::vector<int>() : it->second;
+    });
 }
 
 void set_hostname(const std::string &name) {
-    State &s = state();
-    Lock lock(s.mutex);
-    s.hostname = name;
+    locked([&](State &s) { s.hostname = name; });
 }
 
 }  // namespace doubles
 
 using doubles::Call;
+using doubles::Data;
 using doubles::join;
 using doubles::kBadHandle;
 using doubles::kKeyMissing;
@@ -316,6 +233,26 @@ using doubles::Lock;
 using doubles::record;
 using doubles::State;
 using doubles::text_of;
+
+// The load state that an acquiring call sets and its releasing call clears; releasing what is
+// not held answers kNotHeld and changes nothing.
+int acquire(const char *function, const std::string &args, bool Data::*held) {
+    return doubles::locked([&](State &s) {
+        int r = record(s, function, args);
+        if (r == 0) s.*held = true;
+        return r;
+    });
+}
+
+int release(const char *function, bool Data::*held) {
+    return doubles::locked([&](State &s) {
+        int r = record(s, function, "");
+        if (r != 0) return r;
+        if (!(s.*held)) return kNotHeld;
+        s.*held = false;
+        return 0;
+    });
+}
 
 // ---- qmtlog ----
 
@@ -367,21 +304,9 @@ int __cdecl QmtLogWrite(HANDLE log, int level, DWORD event_id, const char *file,
     }
     State &s = doubles::state();
     Lock lock(s.mutex);
-    Call c;
-    c.function = "QmtLogWrite";
-    c.level = level;
-    c.event = event_id;
-    c.file = text_of(file);
-    c.line = line;
-    c.log_function = text_of(function);
-    c.text = std::move(text);
-    c.log = log;
-    s.calls.push_back(std::move(c));
-    auto it = s.failures.find("QmtLogWrite");
-    if (it == s.failures.end()) return 0;
-    int result = it->second.first;
-    if (--it->second.second <= 0) s.failures.erase(it);
-    return result;
+    s.calls.push_back(Call{.function = "QmtLogWrite", .level = level, .event = event_id, .file = text_of(file), .line = line,
+                           .log_function = text_of(function), .text = std::move(text), .log = log});
+    return take_failure(s, "QmtLogWrite", "");
 }
 
 int WINAPI QmtLogSetSettings(const char *module, int level, int size, int reserved) {
@@ -449,24 +374,9 @@ int WINAPI QmtGetStatusText(HANDLE table, int status, char *buffer, int size, in
 
 // ---- qmtxml ----
 
-int WINAPI xmllib_init(const char *type) {
-    State &s = doubles::state();
-    Lock lock(s.mutex);
-    int r = record(s, "xmllib_init", text_of(type));
-    if (r != 0) return r;
-    s.xml_init = true;
-    return 0;
-}
+int WINAPI xmllib_init(const char *type) { return acquire("xmllib_init", text_of(type), &Data::xml_init); }
 
-int WINAPI xmllib_term(void) {
-    State &s = doubles::state();
-    Lock lock(s.mutex);
-    int r = record(s, "xmllib_term", "");
-    if (r != 0) return r;
-    if (!s.xml_init) return kNotHeld;
-    s.xml_init = false;
-    return 0;
-}
+int WINAPI xmllib_term(void) { return release("xmllib_term", &Data::xml_init); }
 
 int WINAPI xmllib_load_policy(const char *type) {
     State &s = doubles::state();
@@ -492,28 +402,13 @@ int WINAPI xmllib_unload_policy(const char *type) {
 }
 
 int WINAPI xmllib_load_config(int mode) {
-    State &s = doubles::state();
-    Lock lock(s.mutex);
-    int r = record(s, "xmllib_load_config", std::to_string(mode));
-    if (r != 0) return r;
-    s.config = true;
-    return 0;
+    return acquire("xmllib_load_config", std::to_string(mode), &Data::config);
 }
 
-int WINAPI xmllib_unload_config(void) {
-    State &s = doubles::state();
-    Lock lock(s.mutex);
-    int r = record(s, "xmllib_unload_config", "");
-    if (r != 0) return r;
-    if (!s.config) return kNotHeld;
-    s.config = false;
-    return 0;
-}
+int WINAPI xmllib_unload_config(void) { return release("xmllib_unload_config", &Data::config); }
 
 int WINAPI xmllib_reload_config(int mode) {
-    State &s = doubles::state();
-    Lock lock(s.mutex);
-    return record(s, "xmllib_reload_config", std::to_string(mode));
+    return doubles::locked([&](State &s) { return record(s, "xmllib_reload_config", std::to_string(mode)); });
 }
 
 int WINAPI xmllib_enum_value(const char *key, char *buffer, int *size) {
@@ -579,24 +474,9 @@ int WINAPI xmllib_get_value(const char *key, int kind, void *buffer, int *size) 
 
 // ---- qmtshmcm / qmtshmrm ----
 
-int WINAPI shmcm_attach(void) {
-    State &s = doubles::state();
-    Lock lock(s.mutex);
-    int r = record(s, "shmcm_attach", "");
-    if (r != 0) return r;
-    s.cm = true;
-    return 0;
-}
+int WINAPI shmcm_attach(void) { return acquire("shmcm_attach", "", &Data::cm); }
 
-int WINAPI shmcm_detach(void) {
-    State &s = doubles::state();
-    Lock lock(s.mutex);
-    int r = record(s, "shmcm_detach", "");
-    if (r != 0) return r;
-    if (!s.cm) return kNotHeld;
-    s.cm = false;
-    return 0;
-}
+int WINAPI shmcm_detach(void) { return release("shmcm_detach", &Data::cm); }
 
 int WINAPI shmcm_getratio(int *ratio, void *extra) {
     State &s = doubles::state();
@@ -608,24 +488,9 @@ int WINAPI shmcm_getratio(int *ratio, void *extra) {
     return 0;
 }
 
-int WINAPI shmrm_attach(void) {
-    State &s = doubles::state();
-    Lock lock(s.mutex);
-    int r = record(s, "shmrm_attach", "");
-    if (r != 0) return r;
-    s.rm = true;
-    return 0;
-}
+int WINAPI shmrm_attach(void) { return acquire("shmrm_attach", "", &Data::rm); }
 
-int WINAPI shmrm_detach(void) {
-    State &s = doubles::state();
-    Lock lock(s.mutex);
-    int r = record(s, "shmrm_detach", "");
-    if (r != 0) return r;
-    if (!s.rm) return kNotHeld;
-    s.rm = false;
-    return 0;
-}
+int WINAPI shmrm_detach(void) { return release("shmrm_detach", &Data::rm); }
 
 int WINAPI shmrm_setdescript(void *reserved, const char *type, const char *name, const char *text,
                              int length) {

@@ -19,14 +19,14 @@ namespace doubles {
 // For every other function, `args` shows the arguments as text, e.g. xmllib_load_policy -> "rm",
 // xmllib_get_value -> the key, shmrm_setmonprogress -> "sdw|disk1|3".
 struct Call {
-    std::string function;  // "QmtLogWrite", "xmllib_init", "shmcm_attach", ...
-    std::string args;
+    std::string function{};  // "QmtLogWrite", "xmllib_init", "shmcm_attach", ...
+    std::string args{};
     int level = 0;
     DWORD event = 0;
-    std::string file;
+    std::string file{};
     int line = 0;
-    std::string log_function;
-    std::string text;
+    std::string log_function{};
+    std::string text{};
     HANDLE log = nullptr;  // the log handle given to QmtLogWrite/QmtLogClose
 };
 
