@@ -137,6 +137,19 @@ std::vector<std::string> log_lines_upto(int max_level) {
     });
 }
 
+int line_index(const std::string &line) {
+    const std::vector<std::string> lines = log_lines();
+    const auto it = std::find(lines.begin(), lines.end(), line);
+    return it == lines.end() ? -1 : static_cast<int>(it - lines.begin());
+}
+
+std::vector<std::string> lines_with(const std::string &needle) {
+    std::vector<std::string> out;
+    for (const std::string &l : log_lines())
+        if (l.find(needle) != std::string::npos) out.push_back(l);
+    return out;
+}
+
 std::vector<std::string> service_calls() {
     return locked([](State &s) {
         std::vector<std::string> out;

@@ -41,6 +41,11 @@ const std::vector<Call> &calls();
 std::vector<std::string> log_lines();
 // Only the QmtLogWrite calls with level <= max_level (what a real log at that level would keep).
 std::vector<std::string> log_lines_upto(int max_level);
+// Index among log_lines() of the first line equal to `line`, or -1; and whether there is one.
+int line_index(const std::string &line);
+inline bool logged(const std::string &line) { return line_index(line) >= 0; }
+// The log lines (all levels) that contain `needle`, in order.
+std::vector<std::string> lines_with(const std::string &needle);
 // The names of all non-log calls in order, as "function(args)" (e.g. "xmllib_load_policy(rm)").
 std::vector<std::string> service_calls();
 void clear_calls();

@@ -34,30 +34,6 @@ void configure(const std::vector<NpResource> &resources, int delay_ratio)
     doubles::set_names("/root/networkpartition/disknp", names);
 }
 
-bool logged(const std::string &line) { return line_index(line) >= 0; }
-
-int line_index(const std::string &line)
-{
-    const std::vector<std::string> lines = doubles::log_lines();
-    for (size_t i = 0; i < lines.size(); i++) {
-        if (lines[i] == line) {
-            return static_cast<int>(i);
-        }
-    }
-    return -1;
-}
-
-std::vector<std::string> lines_with(const std::string &needle)
-{
-    std::vector<std::string> out;
-    for (const std::string &l : doubles::log_lines()) {
-        if (l.find(needle) != std::string::npos) {
-            out.push_back(l);
-        }
-    }
-    return out;
-}
-
 bool wait_for(const std::function<bool()> &done, int ms)
 {
     for (int waited = 0; waited < ms; waited += 2) {

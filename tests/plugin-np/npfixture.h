@@ -31,12 +31,9 @@ struct NpResource {
 void configure(const std::vector<NpResource> &resources, int delay_ratio = 80);
 std::string key_of(const std::string &name, const std::string &item);
 
-// True when `line` ("LEVEL|FUNCTION|text") was written to the log double.
-bool logged(const std::string &line);
-// The lines (all levels) that contain `needle`, in order.
-std::vector<std::string> lines_with(const std::string &needle);
-// Index of the first line equal to `line`, or -1.
-int line_index(const std::string &line);
+using doubles::line_index;
+using doubles::lines_with;
+using doubles::logged;
 
 // Polls `done` every 2 ms for at most `ms` milliseconds.
 bool wait_for(const std::function<bool()> &done, int ms);

@@ -31,29 +31,6 @@ void configure(const std::vector<Resource> &resources, int delay_ratio, int log_
     doubles::set_names("/root/monitor/sdw", names);
 }
 
-std::vector<std::string> lines_upto(int level) { return doubles::log_lines_upto(level); }
-
-bool logged(const std::string &line)
-{
-    for (const std::string &l : doubles::log_lines()) {
-        if (l == line) {
-            return true;
-        }
-    }
-    return false;
-}
-
-std::vector<std::string> lines_with(const std::string &needle)
-{
-    std::vector<std::string> out;
-    for (const std::string &l : doubles::log_lines()) {
-        if (l.find(needle) != std::string::npos) {
-            out.push_back(l);
-        }
-    }
-    return out;
-}
-
 std::vector<std::string> events()
 {
     std::vector<std::string> out;

@@ -26,12 +26,10 @@ struct Resource {
 void configure(const std::vector<Resource> &resources, int delay_ratio = 80, int log_level = 4,
                int log_size = 10000000);
 
-// Log lines "LEVEL|FUNCTION|text" written at or below level 4 (what a log at its default keeps), and all.
-std::vector<std::string> lines_upto(int level);
-// True when `line` ("LEVEL|FUNCTION|text") appears among the recorded log lines.
-bool logged(const std::string &line);
-// The lines (all levels) that mention `needle`.
-std::vector<std::string> lines_with(const std::string &needle);
+using doubles::lines_with;
+using doubles::logged;
+// Log lines "LEVEL|FUNCTION|text" written at or below `level`.
+inline std::vector<std::string> lines_upto(int level) { return doubles::log_lines_upto(level); }
 // Events written: "ID|text" with the ID in hex ("0xc0000e44|sdw1").
 std::vector<std::string> events();
 
