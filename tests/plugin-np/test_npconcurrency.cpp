@@ -80,31 +80,4 @@ TEST_F(NpConcurrentTest, StatusAndCheckPointOfAWorkerStartedAndStoppedMeanwhile)
     EXPECT_EQ(rsc("np1")->thread, nullptr);
 }
 
-TEST_F(NpConcurrentTest, TeardownStopsConcurrentlyPolledWorkers)
-{
-    std::vector<NpResource> resources;
-    for (int i = 1; i <= 4; i++) {
-        const DWORD disk = static_cast<DWORD>(i);
-        const std::string guid = vol(i);
-        qmtp::sim::set_volume(guid, {disk});
-        qmtp::sim::set_disk(disk, {});
-        resources.push_back({"np" + std::to_string(i), 5, 1, 0, i, guid});
-    }
-    configure(resources);
-    init();
-    for (int i = 1; i <= 4; i++) ASSERT_EQ(start("np" + std::to_string(i)), 0u);
-    std::atomic<bool> done{false};
-    std::thread poller([&] {
-        while (!done) {
-            for (int i = 1; i <= 4; i++) GetCheckPoint(("np" + std::to_string(i)).c_str());
-            Sleep(1);
-        }
-    });
-    ASSERT_TRUE(wait_for([] { return qmtp::sim::probe_count(4) >= 1; }, 3000));
-    done = true;
-    poller.join();
-    EXPECT_EQ(UninitNpRscDll("qmtsdw", 0, 0), 0u);
-    EXPECT_EQ(gsdwlpRsc, nullptr);
-}
-
 }  // namespace
