@@ -52,6 +52,12 @@ protected:
     DWORD start(const std::string &name) { return NpMontrStatusChange("disknp", name.c_str(), SDW_CTRL_START); }
     DWORD stop(const std::string &name) { return NpMontrStatusChange("disknp", name.c_str(), SDW_CTRL_STOP); }
     BYTE checkpoint(const std::string &name) { return GetCheckPoint(name.c_str()); }
+    // Waits until the worker is probing and `disk` holds the probe: the check point is set
+    // before the probe goes out, so the check point alone races the issue.
+    bool holds_probe(const std::string &name, DWORD disk)
+    {
+        return wait_for([&] { return checkpoint(name) == SDW_CP_PROBING && qmtp::sim::pending_count(disk) == 1; }, 3000);
+    }
 
     long handles_at_start_ = 0;
     long allocations_at_start_ = 0;

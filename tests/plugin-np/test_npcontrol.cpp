@@ -59,7 +59,7 @@ TEST_F(NpControlTest, SuspendNotTakenInTimeReturns90AndStaysPending)
     SDW_RSC *r = rsc("np1");
     qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
     ASSERT_EQ(start("np1"), 0u);
-    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 3; }, 3000));
+    ASSERT_TRUE(holds_probe("np1", 0));
     // The suspend cannot cancel the hung probe, so the worker never gets to the request.
     qmtp_fault_set("CancelIo", 1, 5);
     const DWORD before = GetTickCount();
@@ -104,7 +104,7 @@ TEST_F(NpControlTest, TeardownWaitsForAWorkerThatWillNotEndAndTriesAgainLater)
     qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
     for (const char *name : {"np1", "np2", "np3"}) ASSERT_EQ(start(name), 0u);
     SDW_RSC *r = rsc("np1");
-    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 3; }, 3000));
+    ASSERT_TRUE(holds_probe("np1", 0));
     // np1's worker is held on its record lock while it evaluates its cycle, and needs the lock
     // twice more before it gets to the terminate event: longer than the stop waits.
     ASSERT_EQ(WaitForSingleObject(r->mutex, 5000), WAIT_OBJECT_0);

@@ -216,7 +216,7 @@ TEST_F(NpWorkerTest, StatusReportsACycleThatStalled)
     qmtp_tick_freeze(t0 + 0x7fffffff);
     EXPECT_EQ(DoNpMontr("disknp", "np1"), 0u);
     qmtp_tick_freeze(t0);
-    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 3; }, 3000));
+    ASSERT_TRUE(holds_probe("np1", 0));
     EXPECT_EQ(SdwGetMonTick(r_), t0);
 
     qmtp_tick_freeze(t0 + 599999);
@@ -250,7 +250,7 @@ TEST_F(NpWorkerTest, StopDuringAPendingProbeEndsWithoutWaitingForIt)
     setup({"np1", 30, 1, 0, 0, vol(0)});
     qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
     ASSERT_EQ(start("np1"), 0u);
-    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 3; }, 3000));
+    ASSERT_TRUE(holds_probe("np1", 0));
     // The stop's own cancellation fails: the worker sees the terminate event and cancels itself.
     qmtp_fault_set("CancelIo", 1, 5);
     ASSERT_EQ(stop("np1"), 0u);
@@ -292,7 +292,7 @@ TEST_F(NpWorkerTest, AnUncancellableProbeIsClosedAndARestartClearsTheResult)
     setup({"np1", 30, 1, 0, 0, vol(0)});
     qmtp::sim::set_disk(0, {Behaviour::Hang, 0, 0});
     ASSERT_EQ(start("np1"), 0u);
-    ASSERT_TRUE(wait_for([&] { return checkpoint("np1") == 3; }, 3000));
+    ASSERT_TRUE(holds_probe("np1", 0));
     SdwSetResult(r_, 90);
     // The end request alone, as a stop makes it but without the stop's own cancellation, which
     // would otherwise race the worker to the probe; the worker's cancellation then fails.
