@@ -64,17 +64,6 @@ TEST_F(NpExportsTest, InitialisesInOrderAndTearsDownInReverse)
     EXPECT_EQ(doubles::calls().back().log, nullptr);
 }
 
-TEST_F(NpExportsTest, InitialisesOnceAndTearsDownOnce)
-{
-    EXPECT_EQ(UninitNpRscDll("qmtsdw", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|UninitNpRscDll|Not initialized. (Ref=0)"));
-    init();
-    doubles::clear_calls();
-    EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|InitNpRscDll|Already initialized. (Ref=1)"));
-    EXPECT_TRUE(doubles::service_calls().empty());
-    EXPECT_EQ(gsdwInitCount, 1u);
-}
 
 // Each step of the initialisation failing in turn gives its own message and the result 1.
 TEST_F(NpExportsTest, EveryFailingStepSaysWhichAndFails)
@@ -154,30 +143,6 @@ TEST_F(NpExportsTest, FailedHostNameUnwindsAll)
     EXPECT_TRUE(logged("1|InitNpRscDll|cs_gethostname() failed. (Ret=4)"));
     EXPECT_TRUE(logged("1|InitNpRscDll|shmcm_detach() failed. (Ret=5)"));
     EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_term() failed. (Ret=0x5)"));
-}
-
-TEST_F(NpExportsTest, ArgumentsAreChecked)
-{
-    init();
-    doubles::clear_calls();
-    EXPECT_EQ(DoNpMontr(nullptr, "np1"), 3u);
-    EXPECT_EQ(DoNpMontr("disknp", nullptr), 3u);
-    EXPECT_EQ(DoNpMontr("disknp", "NP1"), 3u);
-    EXPECT_EQ(NpMontrStatusChange(nullptr, "np1", 0), 3u);
-    EXPECT_EQ(NpMontrStatusChange("disknp", nullptr, 0), 3u);
-    EXPECT_EQ(NpMontrStatusChange("disknp", "np", 0), 3u);
-    EXPECT_EQ(GetCheckPoint(nullptr), 0);
-    EXPECT_EQ(GetCheckPoint("np4"), 0);
-    EXPECT_EQ(doubles::log_lines_upto(2),
-              (std::vector<std::string>{"1|DoNpMontr|Invalid parameter. (Type=0)", "1|DoNpMontr|Invalid parameter. (Name=0)",
-                                        "1|DoNpMontr|Invalid parameter, unregistered. (Name=NP1)",
-                                        "1|NpMontrStatusChange|Invalid parameter. (Type=0)",
-                                        "1|NpMontrStatusChange|Invalid parameter. (Name=0)",
-                                        "1|NpMontrStatusChange|Invalid parameter, unregistered. (Name=np)",
-                                        "1|GetCheckPoint|Invalid parameter. (Name=0)",
-                                        "1|GetCheckPoint|Invalid parameter, unregistered. (Name=np4)"}));
-    EXPECT_EQ(NpMontrStatusChange("disknp", "np1", 2), 3u);
-    EXPECT_TRUE(logged("1|NpMontrStatusChange|Invalid control code. (Type=disknp Name=np1 Ctrl=0x2)"));
 }
 
 TEST_F(NpExportsTest, StatusOfAStoppedResourceIs99WithoutReadingTheConfiguration)
