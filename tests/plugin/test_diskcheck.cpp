@@ -186,67 +186,53 @@ TEST_F(DiskCheckTest, ProbeAcrossTheTickWrapIsTimedCorrectly)
     EXPECT_EQ(rsc_.mon_tick, 512u);
 }
 
-TEST_F(DiskCheckTest, FirstRefusedProbeEndsTheCheckWithStatus5)
+// A check that fails or whose reporting fails: its status, its line, what it reported and the
+// events it wrote. A refusal on the first disk ends the check there; an unopened disk or an
+// unresolved volume is 4, reported to nobody; a failed start report is 190, a failed end report or
+// ratio only logged.
+TEST_F(DiskCheckTest, FailuresGiveTheirStatusLineProgressAndEvents)
 {
-    std::strcpy(rsc_.volume_guid, "00000000-0000-4000-8000-000000000003");
-    qmtp::sim::set_disk(4, {Behaviour::Refuse, 0, 21});
-    EXPECT_EQ(SdwMonitor(&rsc_), 5);
-    EXPECT_EQ(qmtp::sim::probe_count(2), 0u) << "the second disk is not probed";
-    EXPECT_EQ(lines_with("DeviceIoControl(0x2d4800) failed. (Name=disk-a").size(), 1u);
-    EXPECT_EQ(doubles::progress("sdw", "disk-a"), (std::vector<int>{3, 4}));
-    EXPECT_EQ(events(), std::vector<std::string>{"0xc0000e44|disk-a"});
-}
-
-TEST_F(DiskCheckTest, CompletionWithErrorIsStatus5)
-{
-    qmtp::sim::set_disk(0, {Behaviour::Fail, 5, 1117});
-    EXPECT_EQ(SdwMonitor(&rsc_), 5);
-    EXPECT_EQ(lines_with("GetOverlappedResult() failed. (Name=disk-a").size(), 1u);
-    EXPECT_EQ(lines_with("Err=1117)").size(), 1u);
-}
-
-TEST_F(DiskCheckTest, SecondDiskNotOpenedMeansStatus4WithoutStartReport)
-{
-    std::strcpy(rsc_.volume_guid, "00000000-0000-4000-8000-000000000003");
-    qmtp::sim::set_disk(2, {Behaviour::OpenFail, 0, 5});
-    EXPECT_EQ(SdwMonitor(&rsc_), 4);
-    EXPECT_TRUE(logged("1|SdwMonitor|CreateFile() failed. (Name=disk-a Dev=\\\\.\\PHYSICALDRIVE2 Err=5)"));
-    EXPECT_TRUE(doubles::progress("sdw", "disk-a").empty());
-    EXPECT_TRUE(events().empty());
-    EXPECT_TRUE(lines_with("slowest lap").empty());
-}
-
-TEST_F(DiskCheckTest, UnresolvedVolumeIsStatus4WithoutEvent)
-{
-    std::strcpy(rsc_.volume_guid, "gone");
-    EXPECT_EQ(SdwMonitor(&rsc_), 4);
-    EXPECT_TRUE(logged("1|SdwMonitor|SdwGetLUN() failed. (Name=disk-a Ret=1)"));
-    EXPECT_TRUE(events().empty());
-}
-
-TEST_F(DiskCheckTest, StartReportFailureIs190)
-{
-    doubles::fail("shmrm_setmonprogress", 3);
-    EXPECT_EQ(SdwMonitor(&rsc_), 190);
-    EXPECT_TRUE(logged("2|SdwMonitor|shmrm_setmonprogress() QMT_DOMONTR_MONSTART failed. (Name=disk-a, Err=3)"));
-    EXPECT_TRUE(lines_with("I/O start").empty());
-}
-
-TEST_F(DiskCheckTest, EndReportFailureIsOnlyLogged)
-{
-    doubles::fail("shmrm_setmonprogress(sdw|disk-a|4)", 3);
-    EXPECT_EQ(SdwMonitor(&rsc_), 0);
-    EXPECT_TRUE(logged("2|SdwMonitor|shmrm_setmonprogress() QMT_DOMONTR_MONEND failed. (Name=disk-a, Err=3)"));
-}
-
-TEST_F(DiskCheckTest, RatioFailureMeansRatioOne)
-{
-    doubles::set_ratio(5);
-    doubles::fail("shmcm_getratio", 8);
-    EXPECT_EQ(SdwMonitor(&rsc_), 0);
-    EXPECT_TRUE(logged("2|SdwMonitor|shmcm_getratio() failed. (Ret=8)"));
-    EXPECT_EQ(gsdwTimeoutRatio, 1);
-    EXPECT_EQ(lines_with("Time=60sec").size(), 2u);
+    const char *three = "00000000-0000-4000-8000-000000000003";
+    struct Case {
+        const char *guid;
+        DWORD disk;
+        qmtp::sim::DiskState behaviour;
+        const char *failing_call;
+        int32_t status;
+        std::string line;
+        std::vector<int> progress;
+        std::vector<std::string> events;
+    };
+    const Case cases[] = {
+        {three, 4, {Behaviour::Refuse, 0, 21}, nullptr, 5, "1|SdwMonitor|DeviceIoControl(0x2d4800) failed. (Name=disk-a Hdl=",
+         {3, 4}, {"0xc0000e44|disk-a"}},
+        {nullptr, 0, {Behaviour::Fail, 5, 1117}, nullptr, 5, "1|SdwMonitor|GetOverlappedResult() failed. (Name=disk-a Hdl=",
+         {3, 4}, {"0xc0000e44|disk-a"}},
+        {three, 2, {Behaviour::OpenFail, 0, 5}, nullptr, 4,
+         "1|SdwMonitor|CreateFile() failed. (Name=disk-a Dev=\\\\.\\PHYSICALDRIVE2 Err=5)", {}, {}},
+        {"gone", 0, {}, nullptr, 4, "1|SdwMonitor|SdwGetLUN() failed. (Name=disk-a Ret=1)", {}, {}},
+        {nullptr, 0, {}, "shmrm_setmonprogress", 190,
+         "2|SdwMonitor|shmrm_setmonprogress() QMT_DOMONTR_MONSTART failed. (Name=disk-a, Err=3)", {}, {}},
+        {nullptr, 0, {}, "shmrm_setmonprogress(sdw|disk-a|4)", 0,
+         "2|SdwMonitor|shmrm_setmonprogress() QMT_DOMONTR_MONEND failed. (Name=disk-a, Err=3)", {3}, {}},
+        {nullptr, 0, {}, "shmcm_getratio", 0, "2|SdwMonitor|shmcm_getratio() failed. (Ret=3)", {3, 4}, {}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.line);
+        doubles::reset();
+        for (DWORD d : {0u, 2u, 4u, 7u}) qmtp::sim::set_disk(d, {});
+        qmtp::sim::set_disk(c.disk, c.behaviour);
+        std::strcpy(rsc_.volume_guid, c.guid ? c.guid : "00000000-0000-4000-8000-000000000001");
+        rsc_.result = 0;
+        doubles::set_ratio(5);
+        if (c.failing_call) doubles::fail(c.failing_call, 3);
+        EXPECT_EQ(SdwMonitor(&rsc_), c.status);
+        EXPECT_EQ(lines_with(c.line).size(), 1u);
+        EXPECT_EQ(doubles::progress("sdw", "disk-a"), c.progress);
+        EXPECT_EQ(events(), c.events);
+        EXPECT_EQ(gsdwTimeoutRatio, c.failing_call && std::strcmp(c.failing_call, "shmcm_getratio") == 0 ? 1 : 5);
+    }
+    EXPECT_EQ(qmtp::sim::probe_count(2), 0u) << "after a refusal the next disk is not probed";
 }
 
 TEST_F(DiskCheckTest, StateChangeEventsFollowTheStoredStatus)
