@@ -32,6 +32,7 @@ void configure(const std::vector<NpResource> &resources, int delay_ratio = 80);
 std::string key_of(const std::string &name, const std::string &item);
 
 using doubles::line_index;
+using doubles::lines_like;
 using doubles::lines_with;
 using doubles::logged;
 

@@ -26,6 +26,7 @@ struct Resource {
 void configure(const std::vector<Resource> &resources, int delay_ratio = 80, int log_level = 4,
                int log_size = 10000000);
 
+using doubles::lines_like;
 using doubles::lines_with;
 using doubles::logged;
 // Log lines "LEVEL|FUNCTION|text" written at or below `level`.
