@@ -154,9 +154,7 @@ TEST_F(ConfigTest, ASecondBuildRefreshesPolicyAndKeepsTheTable)
     EXPECT_EQ(gsdwlpRsc, table);
     EXPECT_EQ(gsdwRscCount, 1u);
     EXPECT_EQ(gsdwDelayRatio, 60u);
-    char line[96];
-    std::snprintf(line, sizeof line, "2|SdwGetConfig|resource has already created. (Rsc=%#x)", SDW_HDL(table));
-    EXPECT_TRUE(logged(line));
+    EXPECT_TRUE(logged("2|SdwGetConfig|resource has already created. (Rsc=" + doubles::hex(table) + ")"));
 }
 
 TEST_F(ConfigTest, ReloadRereadsTheTimeoutUnderTheCutName)
