@@ -226,15 +226,19 @@ TEST_F(NpWorkerTest, StatusReportsACycleThatStalled)
     doubles::set_ratio(2);
     SdwStore(r_->result, 0);
     EXPECT_EQ(DoNpMontr("disknp", "np1"), 0u);
-    // A ratio below 1 is kept as read and counts as 1 in the limit.
+    // A ratio below 1 is kept as read and counts as 1 in the limit. The line gives the time the
+    // cycle has run, then the limit.
     for (int ratio : {0, -3}) {
         doubles::set_ratio(ratio);
         qmtp_tick_freeze(t0 + 599999);
         SdwStore(r_->result, 0);
         EXPECT_EQ(DoNpMontr("disknp", "np1"), 0u) << ratio;
         EXPECT_EQ(gsdwTimeoutRatio, ratio);
-        qmtp_tick_freeze(t0 + 600000);
+        const DWORD ran = 600007 - ratio;
+        qmtp_tick_freeze(t0 + ran);
         EXPECT_EQ(DoNpMontr("disknp", "np1"), 99u) << ratio;
+        EXPECT_TRUE(logged("1|DoNpMontr|np1 occurred timeout in 0x3. (Timeout=" + std::to_string(ran) + " Tick=600000)"))
+            << ratio;
     }
     qmtp_tick_thaw();
     ASSERT_EQ(stop("np1"), 0u);

