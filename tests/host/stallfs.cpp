@@ -1,7 +1,8 @@
-// stallfs MOUNTDIR IMAGE HOLDFILE - serves IMAGE as MOUNTDIR/disk.img through FUSE, read-only, and
-// holds every read while HOLDFILE exists (at most 60 s, so that a test that fails never leaves the
-// kernel waiting for ever). A loop device over MOUNTDIR/disk.img is then a real block device whose
-// reads a test can hold in the kernel. Runs in the foreground until unmounted or killed.
+// stallfs MOUNTDIR IMAGE HOLDFILE [FAILFILE] - serves IMAGE as MOUNTDIR/disk.img through FUSE,
+// read-only; holds every read while HOLDFILE exists (at most 60 s, so that a test that fails never
+// leaves the kernel waiting for ever) and fails it with EIO while FAILFILE exists. A loop device
+// over MOUNTDIR/disk.img is then a real block device whose reads a test can hold in the kernel or
+// fail. Runs in the foreground until unmounted or killed.
 #define FUSE_USE_VERSION 31
 #include <fuse.h>
 
@@ -17,6 +18,7 @@ namespace {
 
 int image_fd = -1;
 const char *hold_file = nullptr;
+const char *fail_file = nullptr;
 off_t image_size = 0;
 
 int fs_getattr(const char *path, struct stat *st, fuse_file_info *)
@@ -47,6 +49,8 @@ int fs_read(const char *, char *buf, size_t size, off_t off, fuse_file_info *)
 {
     for (int i = 0; i < 6000 && access(hold_file, F_OK) == 0; ++i)
         usleep(10000);
+    if (fail_file != nullptr && access(fail_file, F_OK) == 0)
+        return -EIO;
     ssize_t n = pread(image_fd, buf, size, off);
     return n < 0 ? -errno : static_cast<int>(n);
 }
@@ -55,8 +59,8 @@ int fs_read(const char *, char *buf, size_t size, off_t off, fuse_file_info *)
 
 int main(int argc, char **argv)
 {
-    if (argc != 4) {
-        std::fprintf(stderr, "usage: stallfs MOUNTDIR IMAGE HOLDFILE\n");
+    if (argc != 4 && argc != 5) {
+        std::fprintf(stderr, "usage: stallfs MOUNTDIR IMAGE HOLDFILE [FAILFILE]\n");
         return 2;
     }
     image_fd = open(argv[2], O_RDONLY | O_CLOEXEC);
@@ -67,6 +71,7 @@ int main(int argc, char **argv)
     }
     image_size = st.st_size;
     hold_file = argv[3];
+    fail_file = argv[4];  // the argv array ends with a null pointer
     fuse_operations ops{};
     ops.getattr = fs_getattr;
     ops.open = fs_open;

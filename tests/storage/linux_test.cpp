@@ -1,14 +1,10 @@
-// The linux backend end to end, on loop devices: a volume found by its filesystem UUID, a healthy
-// probe, and probes of a disk whose file is served by a FUSE filesystem of this test that can
-// fail its reads with EIO or hold them until released. Runs only as root with working losetup.
-#define FUSE_USE_VERSION 31
+// The linux backend end to end, on loop devices: a volume found by its filesystem UUID, and probes
+// of a disk whose file is served by the stall filesystem, whose reads answer, fail with EIO or are
+// held until released. Runs only as root with working losetup.
 #include "loop_util.h"
 #include "storage_fixture.h"
 
-#include <fuse.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -16,23 +12,26 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <functional>
-#include <thread>
-#include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
+#include <functional>
 #include <memory>
-#include <new>
+#include <thread>
 
 using namespace storage_test;
 
 namespace {
 
 constexpr DWORD kBound = 10000; // ms
-constexpr off_t kImageSize = 16 << 20;
+constexpr DWORD kNotFound = ERROR_FILE_NOT_FOUND;
+
+bool e2fsprogs() { return run("command -v mkfs.ext4 && command -v tune2fs"); }
+bool make_ext4(const std::string &img, const std::string &uuid) {
+    return run("truncate -s 16M " + img) && run("mkfs.ext4 -q -F -U " + uuid + " " + img);
+}
 
 class LinuxStorage : public ::testing::Test {
 protected:
@@ -53,20 +52,26 @@ protected:
     long handles_ = 0;
 };
 
-// ---- A healthy disk -------------------------------------------------------------------------
+// What a GUID resolves to now, as the disk numbers and /dev names of its whole disks.
+using Disks = std::vector<std::pair<DWORD, std::string>>;
+Disks disks_of(const std::string &guid, DWORD *error) {
+    qmtp::storage::Resolution r = qmtp::storage::resolve_volume(guid);
+    *error = r.error;
+    Disks out;
+    for (const auto &d : r.disks) out.emplace_back(d.number, d.dev);
+    return out;
+}
 
-TEST_F(LinuxStorage, Ext4VolumeResolvesToItsLoopDiskAndProbesHealthy) {
-    if (!run("command -v mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 missing";
+// ---- Volumes ----------------------------------------------------------------------------------
+
+TEST_F(LinuxStorage, Ext4VolumeIsTheWholeOfItsLoopDiskInEitherCase) {
+    if (!e2fsprogs()) GTEST_SKIP() << "e2fsprogs missing";
     const std::string uuid = new_uuid();
-    std::string img = dir_ + "/ext4.img";
-    ASSERT_TRUE(run("truncate -s 16M " + img));
-    ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid + " " + img));
+    ASSERT_TRUE(make_ext4(dir_ + "/ext4.img", uuid));
     Loop loop;
-    ASSERT_TRUE(loop.attach(img));
-
-    // The GUID text matches in either case.
+    ASSERT_TRUE(loop.attach(dir_ + "/ext4.img"));
     std::string upper = uuid;
-    for (auto &c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    std::transform(upper.begin(), upper.end(), upper.begin(), [](unsigned char c) { return std::toupper(c); });
     for (const std::string &guid : {uuid, upper}) {
         HANDLE vol = open_volume(guid);
         ASSERT_NE(vol, INVALID_HANDLE_VALUE) << GetLastError();
@@ -80,48 +85,21 @@ TEST_F(LinuxStorage, Ext4VolumeResolvesToItsLoopDiskAndProbesHealthy) {
         ASSERT_EQ(v->NumberOfDiskExtents, 1u);
         EXPECT_EQ(v->Extents[0].DiskNumber, loop.number);
         EXPECT_EQ(v->Extents[0].StartingOffset.QuadPart, 0);
-        EXPECT_EQ(v->Extents[0].ExtentLength.QuadPart, kImageSize);
+        EXPECT_EQ(v->Extents[0].ExtentLength.QuadPart, 16 << 20);
         EXPECT_TRUE(CloseHandle(vol));
     }
-
-    HANDLE d = open_disk(loop.number);
-    ASSERT_NE(d, INVALID_HANDLE_VALUE) << GetLastError();
-    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    OVERLAPPED ov{};
-    ov.hEvent = ev;
-    BOOL at_once = DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov);
-    if (!at_once) {
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
-        ASSERT_EQ(WaitForSingleObject(ev, kBound), WAIT_OBJECT_0);
-    }
-    DWORD bytes = 9;
-    EXPECT_TRUE(GetOverlappedResult(d, &ov, &bytes, FALSE)) << GetLastError();
-    EXPECT_EQ(bytes, 0u);
-    EXPECT_EQ(ov.Internal, 0u);
-    EXPECT_TRUE(CloseHandle(d));
-    EXPECT_TRUE(CloseHandle(ev));
-}
-
-// What a GUID resolves to now, as the disk numbers and /dev names of its whole disks.
-std::vector<std::pair<DWORD, std::string>> disks_of(const std::string &guid, DWORD *error) {
-    qmtp::storage::Resolution r = qmtp::storage::resolve_volume(guid);
-    *error = r.error;
-    std::vector<std::pair<DWORD, std::string>> out;
-    for (const auto &d : r.disks) out.emplace_back(d.number, d.dev);
-    return out;
 }
 
 // A volume found once is followed by the very next call through every change of its device.
 TEST_F(LinuxStorage, VolumeIsFollowedThroughEveryChangeOfItsDevice) {
-    if (!run("command -v mkfs.ext4") || !run("command -v tune2fs")) GTEST_SKIP() << "e2fsprogs missing";
+    if (!e2fsprogs()) GTEST_SKIP() << "e2fsprogs missing";
     const std::string img = dir_ + "/vol.img", other = dir_ + "/other.img";
     std::string uuid = new_uuid();
-    ASSERT_TRUE(run("truncate -s 16M " + img + " " + other + " " + dir_ + "/filler.img"));
-    ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid + " " + img));
+    ASSERT_TRUE(run("truncate -s 16M " + other + " " + dir_ + "/filler.img"));
+    ASSERT_TRUE(make_ext4(img, uuid));
     Loop loop, filler;
     ASSERT_TRUE(loop.attach(img));
     DWORD err = 0;
-    using Disks = std::vector<std::pair<DWORD, std::string>>;
     auto here = [&loop] { return Disks{{loop.number, loop.dev}}; };
     ASSERT_EQ(disks_of(uuid, &err), here());
 
@@ -133,32 +111,31 @@ TEST_F(LinuxStorage, VolumeIsFollowedThroughEveryChangeOfItsDevice) {
     std::string before;
     const Step steps[] = {
         {"relabelled with tune2fs -U",
-         [&] { before = uuid; uuid = new_uuid(); ASSERT_TRUE(run("tune2fs -U " + uuid + " " + loop.dev)); }, true},
+         [&] { uuid = new_uuid(); ASSERT_TRUE(run("tune2fs -U " + uuid + " " + loop.dev)); }, true},
         {"made anew with mkfs -U",
-         [&] { before = uuid; uuid = new_uuid(); ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid + " " + loop.dev)); }, true},
+         [&] { uuid = new_uuid(); ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid + " " + loop.dev)); }, true},
         {"re-attached as another loop number",
          [&] {
-             before = uuid;
              loop.detach();
              ASSERT_TRUE(filler.attach(dir_ + "/filler.img")); // takes the number just freed
              ASSERT_TRUE(loop.attach(img));
          }, false},
         {"replaced by another file under the same loop number",
          [&] {
-             before = uuid;
              uuid = new_uuid();
              ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid + " " + other));
              ASSERT_TRUE(run("losetup -d " + loop.dev));
              ASSERT_TRUE(run("losetup " + loop.dev + " " + other));
          }, true},
-        {"detached", [&] { before = uuid; loop.detach(); }, true},
+        {"detached", [&] { loop.detach(); }, true},
     };
     for (const Step &step : steps) {
         SCOPED_TRACE(step.what);
+        before = uuid;
         step.change();
         if (step.old_uuid_gone) {
             disks_of(before, &err);
-            EXPECT_EQ(err, static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+            EXPECT_EQ(err, kNotFound);
         }
         if (loop.dev.empty()) break;
         EXPECT_EQ(disks_of(uuid, &err), here());
@@ -172,15 +149,14 @@ TEST_F(LinuxStorage, VolumeIsFollowedThroughEveryChangeOfItsDevice) {
 // A copy of the volume's image attached after the volume was found: from the next call on, the
 // GUID resolves to neither device, and the query names both; once one is gone the other is it.
 TEST_F(LinuxStorage, OneUuidOnTwoDevicesIsAmbiguousUntilOneGoes) {
-    if (!run("command -v mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 missing";
+    if (!e2fsprogs()) GTEST_SKIP() << "e2fsprogs missing";
     const std::string uuid = new_uuid();
-    ASSERT_TRUE(run("truncate -s 16M " + dir_ + "/a.img"));
-    ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid + " " + dir_ + "/a.img"));
+    ASSERT_TRUE(make_ext4(dir_ + "/a.img", uuid));
     ASSERT_TRUE(run("cp " + dir_ + "/a.img " + dir_ + "/b.img"));
     Loop a, b;
     ASSERT_TRUE(a.attach(dir_ + "/a.img"));
     DWORD err = 0;
-    ASSERT_EQ(disks_of(uuid, &err).size(), 1u);
+    ASSERT_EQ(disks_of(uuid, &err), (Disks{{a.number, a.dev}}));
     ASSERT_TRUE(b.attach(dir_ + "/b.img"));
 
     SetLastError(0);
@@ -195,153 +171,85 @@ TEST_F(LinuxStorage, OneUuidOnTwoDevicesIsAmbiguousUntilOneGoes) {
     EXPECT_TRUE(r.disks.empty());
 
     a.detach();
-    EXPECT_EQ(disks_of(uuid, &err), (std::vector<std::pair<DWORD, std::string>>{{b.number, b.dev}}));
+    EXPECT_EQ(disks_of(uuid, &err), (Disks{{b.number, b.dev}}));
     EXPECT_EQ(err, 0u);
 }
 
 TEST_F(LinuxStorage, UnknownVolumeAndDiskAreNotFound) {
-    SetLastError(0);
-    EXPECT_EQ(open_volume(new_uuid()), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-    SetLastError(0);
-    EXPECT_EQ(open_disk(1999), INVALID_HANDLE_VALUE); // loop999
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-    SetLastError(0);
-    EXPECT_EQ(open_disk(9999), INVALID_HANDLE_VALUE); // no family
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-}
-
-// ---- A disk served by FUSE ---------------------------------------------------------------------
-// The filesystem runs in a child process: the kernel's requests to it, and libfuse's own threads
-// of control, stay out of the process under test (and out of its sanitizers).
-
-enum Mode : int { kNormal, kEio, kStall };
-
-struct Served {
-    std::atomic<int> mode;
-    std::atomic<int> stalled; // reads held now
-};
-Served *g_served = nullptr; // shared with the child
-
-int fs_getattr(const char *path, struct stat *st, fuse_file_info *) {
-    std::memset(st, 0, sizeof *st);
-    if (std::strcmp(path, "/") == 0) {
-        st->st_mode = S_IFDIR | 0755;
-        st->st_nlink = 2;
-        return 0;
+    const std::function<HANDLE()> opens[] = {
+        [] { return open_volume(new_uuid()); },
+        [] { return open_disk(1999); }, // loop999
+        [] { return open_disk(9999); }, // no family
+    };
+    for (const auto &open : opens) {
+        SetLastError(0);
+        EXPECT_EQ(open(), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), kNotFound);
     }
-    if (std::strcmp(path, "/disk.img") == 0) {
-        st->st_mode = S_IFREG | 0644;
-        st->st_nlink = 1;
-        st->st_size = kImageSize;
-        return 0;
-    }
-    return -ENOENT;
 }
 
-int fs_open(const char *path, fuse_file_info *fi) {
-    if (std::strcmp(path, "/disk.img") != 0) return -ENOENT;
-    fi->direct_io = 1; // every read reaches us: no page cache hides a failing disk
-    return 0;
+// ---- A disk served by the stall filesystem -----------------------------------------------------
+// The filesystem is a process of its own: the kernel's requests to it, and libfuse's threads, stay
+// out of the process under test (and out of its sanitizers).
+
+std::string g_hold, g_fail; // while a file exists, the disk's reads are held / fail
+
+void set_flag(const std::string &file, bool on) {
+    if (on)
+        std::ofstream{file};
+    else
+        ::unlink(file.c_str());
 }
+void hold(bool on) { set_flag(g_hold, on); }
 
-int fs_read(const char *, char *buf, size_t size, off_t off, fuse_file_info *) {
-    if (g_served->mode == kStall) {
-        ++g_served->stalled;
-        // Bounded, so a test that fails never leaves the kernel waiting on us.
-        for (int i = 0; i < 10000 && g_served->mode == kStall; ++i) ::usleep(2000);
-        --g_served->stalled;
-    }
-    if (g_served->mode == kEio) return -EIO;
-    if (off >= kImageSize) return 0;
-    size_t n = std::min<size_t>(size, static_cast<size_t>(kImageSize - off));
-    std::memset(buf, 0, n);
-    return static_cast<int>(n);
-}
-
-int fs_write(const char *, const char *, size_t size, off_t, fuse_file_info *) { return static_cast<int>(size); }
-
-[[noreturn]] void serve(const std::string &mnt, int ready_fd) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    fuse_operations ops{};
-    ops.getattr = fs_getattr;
-    ops.open = fs_open;
-    ops.read = fs_read;
-    ops.write = fs_write;
-    char arg0[] = "qmt-stor-fuse";
-    char *argv[] = {arg0, nullptr};
-    fuse_args args = FUSE_ARGS_INIT(1, argv);
-    fuse *f = fuse_new(&args, &ops, sizeof ops, nullptr);
-    fuse_opt_free_args(&args);
-    char ok = f && fuse_mount(f, mnt.c_str()) == 0 ? 'y' : 'n';
-    if (::write(ready_fd, &ok, 1) != 1 || ok != 'y') ::_exit(3);
-    ::close(ready_fd);
-    fuse_loop(f);
-    ::_exit(0);
-}
-
-void set_mode(Mode m) { g_served->mode = m; }
-
-bool wait_stalled(int n) {
-    for (DWORD waited = 0; waited < kBound; waited += 5) {
-        if (g_served->stalled >= n) return true;
-        Sleep(5);
-    }
-    return false;
-}
-
-// The FUSE filesystem, its mount and the loop device over its file; all undone in TearDown.
+// A loop device over a file of the stall filesystem; all undone in TearDown.
 class FuseDisk : public LinuxStorage {
 protected:
     void SetUp() override {
         LinuxStorage::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse is not usable";
-        void *mem = ::mmap(nullptr, sizeof(Served), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        ASSERT_NE(mem, MAP_FAILED);
-        g_served = new (mem) Served{};
+        g_hold = dir_ + "/hold";
+        g_fail = dir_ + "/fail";
         mnt_ = dir_ + "/mnt";
+        const std::string image = dir_ + "/image";
         ASSERT_EQ(::mkdir(mnt_.c_str(), 0700), 0);
-        int pipe_fds[2];
-        ASSERT_EQ(::pipe(pipe_fds), 0);
-        child_ = ::fork();
-        ASSERT_GE(child_, 0);
-        if (child_ == 0) {
-            ::close(pipe_fds[0]);
-            serve(mnt_, pipe_fds[1]);
+        ASSERT_TRUE(run("truncate -s 16M " + image));
+        fs_ = ::fork();
+        ASSERT_GE(fs_, 0);
+        if (fs_ == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL); // a test killed on its time-out takes it along
+            ::execl(QMT_STALLFS, QMT_STALLFS, mnt_.c_str(), image.c_str(), g_hold.c_str(), g_fail.c_str(), nullptr);
+            ::_exit(127);
         }
-        ::close(pipe_fds[1]);
-        pollfd pfd{pipe_fds[0], POLLIN, 0};
-        char ok = 'n';
-        if (::poll(&pfd, 1, static_cast<int>(kBound)) == 1 && ::read(pipe_fds[0], &ok, 1) != 1) ok = 'n';
-        ::close(pipe_fds[0]);
-        if (ok != 'y') GTEST_SKIP() << "FUSE cannot mount here";
-        mounted_ = true;
+        struct stat st {};
+        for (DWORD w = 0; w < kBound && ::stat((mnt_ + "/disk.img").c_str(), &st) != 0; w += 10) {
+            if (::waitpid(fs_, nullptr, WNOHANG) == fs_) fs_ = -1;
+            if (fs_ < 0) GTEST_SKIP() << "FUSE cannot mount here";
+            Sleep(10);
+        }
         if (!loop_.attach(mnt_ + "/disk.img")) GTEST_SKIP() << "losetup refuses a FUSE-served file";
     }
     void TearDown() override {
-        if (g_served) set_mode(kNormal);
+        if (!dir_.empty()) {
+            hold(false);
+            set_flag(g_fail, false);
+        }
         // Leave the kernel idle before the device and the mount go away.
         for (int i = 0; i < 200 && qmtp_storage_probes_in_kernel() != 0; ++i) Sleep(10);
-        if (!loop_.dev.empty()) {
-            run("losetup -d " + loop_.dev);
-            loop_.dev.clear();
-        }
-        if (mounted_ && ::umount2(mnt_.c_str(), 0) != 0) ::umount2(mnt_.c_str(), MNT_DETACH);
-        if (child_ > 0) {
-            int status = 0;
+        loop_.detach();
+        if (fs_ > 0) {
+            if (::umount2(mnt_.c_str(), 0) != 0) ::umount2(mnt_.c_str(), MNT_DETACH);
             bool gone = false;
             for (int i = 0; i < 500 && !gone; ++i) {
-                gone = ::waitpid(child_, &status, WNOHANG) == child_;
+                gone = ::waitpid(fs_, nullptr, WNOHANG) == fs_;
                 if (!gone) Sleep(10);
             }
             if (!gone) {
-                ::kill(child_, SIGKILL);
-                ::waitpid(child_, &status, 0);
+                ::kill(fs_, SIGKILL);
+                ::waitpid(fs_, nullptr, 0);
             }
         }
-        if (g_served) ::munmap(g_served, sizeof(Served));
-        g_served = nullptr;
         LinuxStorage::TearDown();
     }
 
@@ -350,10 +258,20 @@ protected:
         EXPECT_NE(d, INVALID_HANDLE_VALUE) << GetLastError();
         return d;
     }
+    // Reads of the loop device in the kernel now, as the block layer counts them.
+    int held() {
+        int reads = -1;
+        std::ifstream("/sys/block/" + loop_.dev.substr(5) + "/inflight") >> reads;
+        return reads;
+    }
+    bool wait_held() {
+        for (DWORD waited = 0; waited < kBound; waited += 5, Sleep(5))
+            if (held() >= 1) return true;
+        return false;
+    }
 
     std::string mnt_;
-    pid_t child_ = -1;
-    bool mounted_ = false;
+    pid_t fs_ = -1;
     Loop loop_;
 };
 
@@ -361,12 +279,9 @@ struct Probe {
     OVERLAPPED *ov = new OVERLAPPED{};
     HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     Probe() { ov->hEvent = ev; }
-    ~Probe() { free(); }
-    void free() {
-        if (ev) CloseHandle(ev);
+    ~Probe() {
+        CloseHandle(ev);
         delete ov;
-        ev = nullptr;
-        ov = nullptr;
     }
     BOOL issue(HANDLE d) {
         SetLastError(0);
@@ -380,17 +295,16 @@ struct StuckCaller {
     BOOL ok = FALSE;
     DWORD error = 0;
     std::thread thread;
-    explicit StuckCaller(HANDLE d) {
-        thread = std::thread([this, d] {
-            Probe p;
-            ok = p.issue(d);
-            error = GetLastError();
-        });
-    }
+    explicit StuckCaller(HANDLE d)
+        : thread([this, d] {
+              Probe p;
+              ok = p.issue(d);
+              error = GetLastError();
+          }) {}
     ~StuckCaller() { join(); }
     void join() {
         if (!thread.joinable()) return;
-        set_mode(kNormal);
+        hold(false);
         thread.join();
     }
 };
@@ -400,7 +314,7 @@ TEST_F(FuseDisk, HealthyAndFailingReadsAnswerOnTheCallersThread) {
     Probe p;
     EXPECT_TRUE(p.issue(d)) << GetLastError();
     EXPECT_EQ(p.ov->Internal, 0u);
-    set_mode(kEio);
+    set_flag(g_fail, true);
     Probe q;
     EXPECT_FALSE(q.issue(d));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_DEVICE));
@@ -416,9 +330,9 @@ TEST_F(FuseDisk, HealthyAndFailingReadsAnswerOnTheCallersThread) {
 // disk is named as stuck, and both complete once the device answers.
 TEST_F(FuseDisk, StuckProbeIsNamedAndTheNextWaitsBehindIt) {
     HANDLE d = open();
-    set_mode(kStall);
+    hold(true);
     StuckCaller first(d);
-    ASSERT_TRUE(wait_stalled(1));
+    ASSERT_TRUE(wait_held());
     EXPECT_EQ(qmtp_storage_probes_in_kernel(), 1u);
     std::vector<qmtp::storage::DiskRef> stuck = qmtp::storage::stuck_disks(0);
     ASSERT_EQ(stuck.size(), 1u);
@@ -433,7 +347,7 @@ TEST_F(FuseDisk, StuckProbeIsNamedAndTheNextWaitsBehindIt) {
     DWORD bytes = 0;
     EXPECT_FALSE(GetOverlappedResult(d, next.ov, &bytes, FALSE));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_INCOMPLETE));
-    EXPECT_EQ(g_served->stalled.load(), 1) << "one probe per disk in the kernel";
+    EXPECT_EQ(held(), 1) << "one probe per disk in the kernel";
 
     first.join();
     EXPECT_TRUE(first.ok) << first.error;
@@ -444,9 +358,9 @@ TEST_F(FuseDisk, StuckProbeIsNamedAndTheNextWaitsBehindIt) {
 
 TEST_F(FuseDisk, CancelAndCloseLeaveStuckProbesToTheBackend) {
     HANDLE d = open();
-    set_mode(kStall);
+    hold(true);
     StuckCaller first(d);
-    ASSERT_TRUE(wait_stalled(1));
+    ASSERT_TRUE(wait_held());
     {
         Probe waiting;
         EXPECT_FALSE(waiting.issue(d));
@@ -482,16 +396,16 @@ TEST_F(FuseDisk, ProcessLeavesWhileAProbeOfADiskAtRiskIsStuck) {
     ASSERT_GE(pid, 0);
     if (pid == 0) {
         HANDLE d = open();
-        set_mode(kStall);
+        hold(true);
         {
             StuckCaller first(d);
-            if (!wait_stalled(1)) ::_exit(2);
+            if (!wait_held()) ::_exit(2);
             Sleep(1200);
         } // released: the disk is now at risk
-        set_mode(kStall);
+        hold(true);
         Probe p;
         if (p.issue(d) || GetLastError() != ERROR_IO_PENDING) ::_exit(3);
-        if (!wait_stalled(1)) ::_exit(4);
+        if (!wait_held()) ::_exit(4);
         ::_exit(0); // with that probe in the kernel
     }
     int status = -1;
@@ -502,21 +416,20 @@ TEST_F(FuseDisk, ProcessLeavesWhileAProbeOfADiskAtRiskIsStuck) {
     }
     EXPECT_TRUE(gone) << "the process did not leave while its probe was stuck";
     if (!gone) {
-        set_mode(kNormal);
+        hold(false);
         ::waitpid(pid, &status, 0);
     }
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ(g_served->stalled.load(), 1) << "the probe was still in the kernel when it left";
+    EXPECT_EQ(held(), 1) << "the probe was still in the kernel when it left";
 }
 
-// A FUSE-served loop device that holds every read, monitored by nobody: passes of a healthy
-// volume elsewhere never wait for it (the first scan waits for it at most its bound once).
+// A held loop device, monitored by nobody: passes of a healthy volume elsewhere never wait for
+// it (the first scan waits for it at most its bound once).
 TEST_F(FuseDisk, StalledUnrelatedDeviceDoesNotHoldPassesOfAHealthyVolume) {
-    if (!run("command -v mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 missing";
-    set_mode(kStall);
+    if (!e2fsprogs()) GTEST_SKIP() << "e2fsprogs missing";
+    hold(true);
     const std::string uuid = new_uuid(), img = dir_ + "/healthy.img";
-    ASSERT_TRUE(run("truncate -s 16M " + img));
-    ASSERT_TRUE(run("mkfs.ext4 -q -F -U " + uuid + " " + img));
+    ASSERT_TRUE(make_ext4(img, uuid));
     Loop healthy;
     ASSERT_TRUE(healthy.attach(img));
     auto pass = [&] {
