@@ -14,24 +14,25 @@
 #include <cstring>
 #include <map>
 #include <set>
+#include <string_view>
 #include <thread>
 
 namespace {
 
 using namespace std::chrono_literals;
+using Calls = std::vector<std::string>;
 
-// The fake plug-in: records every call as text; DoMontr/DoNpMontr of a resource in `hung` blocks
-// until release_all().
+// The fake plug-in: records every call but the passes as text; a pass of a resource in `hung`
+// blocks until release_all().
 struct Fake {
     std::mutex m;
     std::condition_variable cv;
-    std::vector<std::string> calls;
+    Calls calls;
     std::map<std::string, int> passes;
     std::set<std::string> hung;
     bool released = false;
     DWORD init_result = 0;
     DWORD status = 0;
-    BYTE check_point = 1;
 
     void record(const std::string &call)
     {
@@ -51,7 +52,7 @@ struct Fake {
         std::lock_guard lock(m);
         return passes[name];
     }
-    std::vector<std::string> calls_without_passes()
+    Calls calls_so_far()
     {
         std::lock_guard lock(m);
         return calls;
@@ -67,54 +68,32 @@ Fake *fake = nullptr;
 
 std::string text(const char *s) { return s ? s : "NULL"; }
 
-DWORD WINAPI FakeInit(const char *dll, int type, DWORD mode) noexcept
+constexpr char kInit[] = "InitRscDll", kUninit[] = "UninitRscDll", kNpInit[] = "InitNpRscDll",
+               kNpUninit[] = "UninitNpRscDll", kStatus[] = "MontrStatusChange", kNpStatus[] = "NpMontrStatusChange",
+               kSdw[] = "sdw", kDisknp[] = "disknp";
+
+// The exports, one body per signature; the initialisations return init_result.
+template <const char *Name> DWORD WINAPI Lifecycle(const char *dll, int type, DWORD mode) noexcept
 {
-    fake->record("InitRscDll(" + text(dll) + "," + std::to_string(type) + "," + std::to_string(mode) + ")");
-    return fake->init_result;
+    fake->record(std::string(Name) + "(" + text(dll) + "," + std::to_string(type) + "," + std::to_string(mode) + ")");
+    return std::string_view(Name).starts_with("Init") ? fake->init_result : 0;
 }
-DWORD WINAPI FakeUninit(const char *dll, int, DWORD) noexcept
-{
-    fake->record("UninitRscDll(" + text(dll) + ")");
-    return 0;
-}
-DWORD WINAPI FakeNpInit(const char *dll, int, DWORD) noexcept
-{
-    fake->record("InitNpRscDll(" + text(dll) + ")");
-    return fake->init_result;
-}
-DWORD WINAPI FakeNpUninit(const char *dll, int, DWORD) noexcept
-{
-    fake->record("UninitNpRscDll(" + text(dll) + ")");
-    return 0;
-}
-DWORD WINAPI FakeDoMontr(const char *type, const char *name) noexcept
-{
-    EXPECT_STREQ(type, "sdw");
-    return fake->pass(name);
-}
-DWORD WINAPI FakeDoNpMontr(const char *type, const char *name) noexcept
-{
-    EXPECT_STREQ(type, "disknp");
-    return fake->pass(name);
-}
-DWORD WINAPI FakeStatus(const char *type, const char *name, int ctrl) noexcept
+template <const char *Name> DWORD WINAPI Control(const char *type, const char *name, int ctrl) noexcept
 {
     char code[16];
     std::snprintf(code, sizeof code, "%#x", static_cast<unsigned>(ctrl));
-    fake->record("MontrStatusChange(" + text(type) + "," + text(name) + "," + code + ")");
+    fake->record(std::string(Name) + "(" + text(type) + "," + text(name) + "," + code + ")");
     return 0;
 }
-DWORD WINAPI FakeNpStatus(const char *type, const char *name, int ctrl) noexcept
+template <const char *Type> DWORD WINAPI Pass(const char *type, const char *name) noexcept
 {
-    char code[16];
-    std::snprintf(code, sizeof code, "%#x", static_cast<unsigned>(ctrl));
-    fake->record("NpMontrStatusChange(" + text(type) + "," + text(name) + "," + code + ")");
-    return 0;
+    EXPECT_STREQ(type, Type);
+    return fake->pass(name);
 }
-BYTE WINAPI FakeCheckPoint(const char *name) noexcept
+BYTE WINAPI CheckPoint(const char *name) noexcept
 {
     fake->record("GetCheckPoint(" + text(name) + ")");
-    return fake->check_point;
+    return 1;
 }
 
 class EngineTest : public ::testing::Test {
@@ -125,15 +104,6 @@ protected:
         shm_ = "qmtrmengine" + std::to_string(getpid());
         setenv("QMT_SHM_NAME", shm_.c_str(), 1);
         fake = &state_;
-        plugin_.InitRscDll = FakeInit;
-        plugin_.UninitRscDll = FakeUninit;
-        plugin_.DoMontr = FakeDoMontr;
-        plugin_.MontrStatusChange = FakeStatus;
-        plugin_.InitNpRscDll = FakeNpInit;
-        plugin_.UninitNpRscDll = FakeNpUninit;
-        plugin_.DoNpMontr = FakeDoNpMontr;
-        plugin_.NpMontrStatusChange = FakeNpStatus;
-        plugin_.GetCheckPoint = FakeCheckPoint;
     }
     void TearDown() override
     {
@@ -146,16 +116,16 @@ protected:
             closedir(dir);
         }
     }
-    static std::vector<qmtrm::ResourceConfig> resources(std::initializer_list<const char *> names, int timeout_s = 1)
+    qmtrm::Engine make(std::vector<std::string> names, int threads, int timeout_s = 1, bool verbose = false,
+                         qmtrm::Service service = qmtrm::Service::Sdw)
     {
-        std::vector<qmtrm::ResourceConfig> out;
-        for (auto name : names)
-            out.push_back({name, 1, timeout_s});
-        return out;
+        std::vector<qmtrm::ResourceConfig> resources;
+        for (auto &name : names)
+            resources.push_back({name, 1, timeout_s});
+        return qmtrm::Engine(plugin_, service, resources, reporter_, threads, verbose);
     }
     // Steps the engine every 20 ms until `done` holds or `bound` has passed.
-    template <typename Pred>
-    static bool step_until(qmtrm::Engine &engine, Pred done, std::chrono::milliseconds bound)
+    template <typename Pred> static bool step_until(qmtrm::Engine &engine, Pred done, std::chrono::milliseconds bound)
     {
         auto until = std::chrono::steady_clock::now() + bound;
         while (!done()) {
@@ -166,44 +136,58 @@ protected:
         }
         return true;
     }
+    static void step_for(qmtrm::Engine &engine, std::chrono::milliseconds time)
+    {
+        step_until(engine, [] { return false; }, time);
+    }
+    // Returns the hung passes, then stops: the service must be torn down.
+    bool release_and_stop(qmtrm::Engine &engine)
+    {
+        state_.release_all();
+        std::vector<std::string> stuck;
+        return engine.stop(2000, &stuck) && stuck.empty();
+    }
 
     Fake state_;
-    qmtrm::Plugin plugin_;
+    const qmtrm::Plugin plugin_{nullptr,          "",
+                                Lifecycle<kInit>, Lifecycle<kUninit>,
+                                Pass<kSdw>,       Control<kStatus>,
+                                Lifecycle<kNpInit>, Lifecycle<kNpUninit>,
+                                Pass<kDisknp>,    Control<kNpStatus>,
+                                CheckPoint};
     qmtrm::Reporter reporter_{true};
     std::string shm_;
 };
 
 TEST_F(EngineTest, StartsEveryResourceThenStopsAndTearsDownInOrder)
 {
-    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, resources({"sdw1", "sdw2"}), reporter_, 2, false);
+    qmtrm::Engine engine = make({"sdw1", "sdw2"}, 2);
     ASSERT_EQ(engine.start(), 0u);
     ASSERT_TRUE(step_until(engine, [&] { return engine.passes() == 2; }, 5s));
     EXPECT_EQ(state_.passes_of("sdw1"), 1);
     EXPECT_EQ(state_.passes_of("sdw2"), 1);
-    std::vector<std::string> stuck;
-    ASSERT_TRUE(engine.stop(1000, &stuck));
-    EXPECT_TRUE(stuck.empty());
-    EXPECT_EQ(state_.calls_without_passes(),
-              (std::vector<std::string>{"InitRscDll(qmtsdw,0,0)", "MontrStatusChange(sdw,sdw1,0x110)",
-                                        "MontrStatusChange(sdw,sdw2,0x110)", "MontrStatusChange(sdw,sdw1,0x111)",
-                                        "MontrStatusChange(sdw,sdw2,0x111)", "UninitRscDll(qmtsdw)"}));
+    ASSERT_TRUE(release_and_stop(engine));
+    EXPECT_EQ(state_.calls_so_far(),
+              (Calls{"InitRscDll(qmtsdw,0,0)", "MontrStatusChange(sdw,sdw1,0x110)", "MontrStatusChange(sdw,sdw2,0x110)",
+                     "MontrStatusChange(sdw,sdw1,0x111)", "MontrStatusChange(sdw,sdw2,0x111)",
+                     "UninitRscDll(qmtsdw,0,0)"}));
 }
 
 TEST_F(EngineTest, FailedInitialisationStartsNothing)
 {
     state_.init_result = 1;
-    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, resources({"sdw1"}), reporter_, 1, false);
+    qmtrm::Engine engine = make({"sdw1"}, 1);
     EXPECT_EQ(engine.start(), 1u);
     engine.step();
     EXPECT_EQ(engine.workers(), 0);
-    EXPECT_EQ(state_.calls_without_passes(), (std::vector<std::string>{"InitRscDll(qmtsdw,0,0)"}));
+    EXPECT_EQ(state_.calls_so_far(), Calls{"InitRscDll(qmtsdw,0,0)"});
 }
 
 TEST_F(EngineTest, OverduePassIsReportedOnceAndNotRepolledWhileOthersGoOn)
 {
     state_.hung.insert("sdw1");
     // One thread only: without a replacement for the stuck one, sdw2 would never be polled again.
-    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, resources({"sdw1", "sdw2"}), reporter_, 1, false);
+    qmtrm::Engine engine = make({"sdw1", "sdw2"}, 1);
     ASSERT_EQ(engine.start(), 0u);
     ASSERT_TRUE(step_until(engine, [&] { return state_.passes_of("sdw2") >= 3; }, 8s));
     EXPECT_EQ(engine.overdue_reports(), 1u);
@@ -213,52 +197,45 @@ TEST_F(EngineTest, OverduePassIsReportedOnceAndNotRepolledWhileOthersGoOn)
     std::vector<std::string> stuck;
     EXPECT_FALSE(engine.stop(100, &stuck));
     EXPECT_EQ(stuck, std::vector<std::string>{"sdw1"});
-    auto calls = state_.calls_without_passes();
-    EXPECT_EQ(calls.back(), "MontrStatusChange(sdw,sdw2,0x111)") << "no teardown under a running pass";
+    EXPECT_EQ(state_.calls_so_far().back(), "MontrStatusChange(sdw,sdw2,0x111)") << "no teardown under a running pass";
 
     // Once the pass returns the service can be torn down.
-    state_.release_all();
-    ASSERT_TRUE(engine.stop(2000, &stuck));
-    EXPECT_TRUE(stuck.empty());
-    EXPECT_EQ(state_.calls_without_passes().back(), "UninitRscDll(qmtsdw)");
+    ASSERT_TRUE(release_and_stop(engine));
+    EXPECT_EQ(state_.calls_so_far().back(), "UninitRscDll(qmtsdw,0,0)");
     EXPECT_EQ(engine.overdue_reports(), 1u);
 }
 
 TEST_F(EngineTest, HungPassesHoldUpNoOtherResource)
 {
-    std::vector<qmtrm::ResourceConfig> list;
+    std::vector<std::string> names;
     for (int i = 0; i < 16; ++i) {
-        list.push_back({"sdw" + std::to_string(i), 1, 300});
+        names.push_back("sdw" + std::to_string(i));
         if (i % 2 == 0)
-            state_.hung.insert("sdw" + std::to_string(i));
+            state_.hung.insert(names.back());
     }
     // One thread to begin with, and time-outs far away: nothing is overdue, nothing is replaced.
-    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, list, reporter_, 1, false);
+    qmtrm::Engine engine = make(names, 1, 300);
     ASSERT_EQ(engine.start(), 0u);
-    auto healthy_polled = [&](int n) {
+    auto healthy_polled = [&] {
         for (int i = 1; i < 16; i += 2)
-            if (state_.passes_of("sdw" + std::to_string(i)) < n)
+            if (state_.passes_of(names[i]) < 3)
                 return false;
         return true;
     };
-    ASSERT_TRUE(step_until(engine, [&] { return healthy_polled(3); }, 8s));
+    ASSERT_TRUE(step_until(engine, healthy_polled, 8s));
     EXPECT_EQ(engine.overdue_reports(), 0u);
     EXPECT_LE(engine.workers(), 16);
-    state_.release_all();
-    std::vector<std::string> stuck;
-    EXPECT_TRUE(engine.stop(2000, &stuck));
+    EXPECT_TRUE(release_and_stop(engine));
 }
 
 TEST_F(EngineTest, ANameConfiguredTwiceIsPolledOnceAtATime)
 {
     state_.hung.insert("sdw1");
-    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, resources({"sdw1", "sdw1"}, 300), reporter_, 2, false);
+    qmtrm::Engine engine = make({"sdw1", "sdw1"}, 2, 300);
     ASSERT_EQ(engine.start(), 0u);
-    step_until(engine, [] { return false; }, 1500ms);
+    step_for(engine, 1500ms);
     EXPECT_EQ(state_.passes_of("sdw1"), 1);
-    state_.release_all();
-    std::vector<std::string> stuck;
-    EXPECT_TRUE(engine.stop(2000, &stuck));
+    EXPECT_TRUE(release_and_stop(engine));
 }
 
 TEST_F(EngineTest, OverdueLimitIsTheTimeOutTimesTheRatio)
@@ -268,38 +245,35 @@ TEST_F(EngineTest, OverdueLimitIsTheTimeOutTimesTheRatio)
     ASSERT_EQ(shmcm_setratio(3), 0);
     EXPECT_EQ(qmtrm::current_ratio(), 3);
     state_.hung.insert("sdw1");
-    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, resources({"sdw1"}, 1), reporter_, 1, false);
+    qmtrm::Engine engine = make({"sdw1"}, 1);
     ASSERT_EQ(engine.start(), 0u);
     // 1.5 s into a pass with a limit of 3 s: not overdue yet.
-    step_until(engine, [] { return false; }, 1500ms);
+    step_for(engine, 1500ms);
     EXPECT_EQ(engine.overdue_reports(), 0u);
     ASSERT_TRUE(step_until(engine, [&] { return engine.overdue_reports() == 1; }, 5s));
-    state_.release_all();
-    std::vector<std::string> stuck;
-    EXPECT_TRUE(engine.stop(2000, &stuck));
+    EXPECT_TRUE(release_and_stop(engine));
     EXPECT_EQ(shmcm_detach(), 0);
     EXPECT_EQ(qmtrm::current_ratio(), 1) << "no shared memory attached: ratio 1";
 }
 
 TEST_F(EngineTest, DisknpPassReadsStatusAndCheckPoint)
 {
-    qmtrm::Engine engine(plugin_, qmtrm::Service::Disknp, resources({"np1"}), reporter_, 4, false);
+    qmtrm::Engine engine = make({"np1"}, 4, 1, false, qmtrm::Service::Disknp);
     ASSERT_EQ(engine.start(), 0u);
     EXPECT_EQ(engine.workers(), 1) << "never more threads than resources";
     ASSERT_TRUE(step_until(engine, [&] { return engine.passes() == 1; }, 5s));
     EXPECT_EQ(engine.control("np1", 0x11), 0u);
-    std::vector<std::string> stuck;
-    ASSERT_TRUE(engine.stop(1000, &stuck));
-    EXPECT_EQ(state_.calls_without_passes(),
-              (std::vector<std::string>{"InitNpRscDll(qmtsdw)", "NpMontrStatusChange(disknp,np1,0x110)",
-                                        "GetCheckPoint(np1)", "NpMontrStatusChange(disknp,np1,0x11)",
-                                        "NpMontrStatusChange(disknp,np1,0x111)", "UninitNpRscDll(qmtsdw)"}));
+    ASSERT_TRUE(release_and_stop(engine));
+    EXPECT_EQ(state_.calls_so_far(),
+              (Calls{"InitNpRscDll(qmtsdw,0,0)", "NpMontrStatusChange(disknp,np1,0x110)", "GetCheckPoint(np1)",
+                     "NpMontrStatusChange(disknp,np1,0x11)", "NpMontrStatusChange(disknp,np1,0x111)",
+                     "UninitNpRscDll(qmtsdw,0,0)"}));
     EXPECT_EQ(engine.statuses_seen(), std::set<DWORD>{0});
 }
 
 TEST_F(EngineTest, StatusesOfEveryPassAreKept)
 {
-    qmtrm::Engine engine(plugin_, qmtrm::Service::Sdw, resources({"sdw1"}), reporter_, 1, true);
+    qmtrm::Engine engine = make({"sdw1"}, 1, 1, true);
     ASSERT_EQ(engine.start(), 0u);
     ASSERT_TRUE(step_until(engine, [&] { return engine.passes() == 1; }, 5s));
     {
@@ -307,8 +281,7 @@ TEST_F(EngineTest, StatusesOfEveryPassAreKept)
         state_.status = 5;
     }
     ASSERT_TRUE(step_until(engine, [&] { return engine.passes() == 2; }, 5s));
-    std::vector<std::string> stuck;
-    ASSERT_TRUE(engine.stop(1000, &stuck));
+    ASSERT_TRUE(release_and_stop(engine));
     EXPECT_EQ(engine.statuses_seen(), (std::set<DWORD>{0, 5}));
 }
 
