@@ -66,34 +66,31 @@ struct Fake {
 };
 Fake *fake = nullptr;
 
-std::string text(const char *s) { return s ? s : "NULL"; }
+std::string arg(const char *s) { return s ? s : "NULL"; }
+std::string arg(unsigned long v)
+{
+    char code[24];
+    std::snprintf(code, sizeof code, "%#lx", v);
+    return code;
+}
 
 constexpr char kInit[] = "InitRscDll", kUninit[] = "UninitRscDll", kNpInit[] = "InitNpRscDll",
                kNpUninit[] = "UninitNpRscDll", kStatus[] = "MontrStatusChange", kNpStatus[] = "NpMontrStatusChange",
-               kSdw[] = "sdw", kDisknp[] = "disknp";
+               kCheckPoint[] = "GetCheckPoint", kSdw[] = "sdw", kDisknp[] = "disknp";
 
-// The exports, one body per signature; the initialisations return init_result.
-template <const char *Name> DWORD WINAPI Lifecycle(const char *dll, int type, DWORD mode) noexcept
+// Every export but the passes: records "Name(arg,...)"; the initialisations return init_result.
+template <const char *Name, class R, class... Args> R WINAPI Record(Args... args) noexcept
 {
-    fake->record(std::string(Name) + "(" + text(dll) + "," + std::to_string(type) + "," + std::to_string(mode) + ")");
-    return std::string_view(Name).starts_with("Init") ? fake->init_result : 0;
-}
-template <const char *Name> DWORD WINAPI Control(const char *type, const char *name, int ctrl) noexcept
-{
-    char code[16];
-    std::snprintf(code, sizeof code, "%#x", static_cast<unsigned>(ctrl));
-    fake->record(std::string(Name) + "(" + text(type) + "," + text(name) + "," + code + ")");
-    return 0;
+    std::string call = Name;
+    char sep = '(';
+    ((call += sep, call += arg(args), sep = ','), ...);
+    fake->record(call + ")");
+    return static_cast<R>(std::string_view(Name).starts_with("Init") ? fake->init_result : 0);
 }
 template <const char *Type> DWORD WINAPI Pass(const char *type, const char *name) noexcept
 {
     EXPECT_STREQ(type, Type);
     return fake->pass(name);
-}
-BYTE WINAPI CheckPoint(const char *name) noexcept
-{
-    fake->record("GetCheckPoint(" + text(name) + ")");
-    return 1;
 }
 
 class EngineTest : public ::testing::Test {
@@ -149,12 +146,9 @@ protected:
     }
 
     Fake state_;
-    const qmtrm::Plugin plugin_{nullptr,          "",
-                                Lifecycle<kInit>, Lifecycle<kUninit>,
-                                Pass<kSdw>,       Control<kStatus>,
-                                Lifecycle<kNpInit>, Lifecycle<kNpUninit>,
-                                Pass<kDisknp>,    Control<kNpStatus>,
-                                CheckPoint};
+    const qmtrm::Plugin plugin_{nullptr, "", Record<kInit>, Record<kUninit>, Pass<kSdw>, Record<kStatus>,
+                                Record<kNpInit>, Record<kNpUninit>, Pass<kDisknp>, Record<kNpStatus>,
+                                Record<kCheckPoint>};
     qmtrm::Reporter reporter_{true};
     std::string shm_;
 };
