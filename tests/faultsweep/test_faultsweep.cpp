@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <sstream>
@@ -40,34 +41,33 @@ constexpr const char *kFunctions[] = {
     "GetModuleHandleA", "FindResourceA", "FindResourceExA", "LoadResource", "LockResource", "SizeofResource",
     "Sleep", "_beginthreadex", "LoadLibraryA"};
 constexpr DWORD kInjected = 1117;  // ERROR_IO_DEVICE
-constexpr auto kRunLimit = 30s;    // a run that takes longer hangs (a clean one takes 4 s)    // a run that takes longer hangs
+constexpr auto kRunLimit = 30s;    // a run that takes longer hangs (a clean one takes 4 s)
 constexpr unsigned kParallel = 48; // runs spend nearly all their time waiting on the plug-in's timers
 
 const char *const kGuid = "5f000000-0000-4000-8000-000000000001";
 
-void sdw_world()
+// The configuration of one resource of either service, on one volume of two disks.
+void world(bool sdw)
 {
+    qmtp::sim::set_volume(kGuid, {0, 1});
+    qmtp::sim::set_disk(0, {});
+    qmtp::sim::set_disk(1, {});
     doubles::set_text("/root/monitor/sdw/type", "sdw");
     doubles::set_int("/root/monitor/sdw/log/level", 4);
     doubles::set_int("/root/monitor/sdw/log/size", 10000000);
-    doubles::set_int("/root/cluster/delaywarn/monitor", 80);
+    doubles::set_int(sdw ? "/root/cluster/delaywarn/monitor" : "/root/cluster/delaywarn/heartbeat", 80);
+    if (!sdw) {
+        for (const char *item : {"timeout", "interval"}) doubles::set_int(std::string("/root/networkpartition/disknp@np1/") + item, 1);
+        doubles::set_int("/root/networkpartition/disknp@np1/count", 0);
+        doubles::set_int("/root/networkpartition/disknp@np1/device", 0);
+        doubles::set_text("/root/server@node1/device@0/info", kGuid);
+        doubles::set_names("/root/networkpartition/disknp", {"np1"});
+        return;
+    }
     doubles::set_int("/root/monitor/sdw@sdw1/polling/timeout", 60);
     doubles::set_text("/root/monitor/sdw@sdw1/parameters/object", "sd1");
     doubles::set_text("/root/resource/sd@sd1/server@node1/parameters/volumeguid", kGuid);
     doubles::set_names("/root/monitor/sdw", {"sdw1"});
-}
-
-void disknp_world()
-{
-    doubles::set_text("/root/monitor/sdw/type", "sdw");
-    doubles::set_int("/root/monitor/sdw/log/level", 4);
-    doubles::set_int("/root/monitor/sdw/log/size", 10000000);
-    doubles::set_int("/root/cluster/delaywarn/heartbeat", 80);
-    for (const char *item : {"timeout", "interval"}) doubles::set_int(std::string("/root/networkpartition/disknp@np1/") + item, 1);
-    doubles::set_int("/root/networkpartition/disknp@np1/count", 0);
-    doubles::set_int("/root/networkpartition/disknp@np1/device", 0);
-    doubles::set_text("/root/server@node1/device@0/info", kGuid);
-    doubles::set_names("/root/networkpartition/disknp", {"np1"});
 }
 
 // Polls without calling the platform, so that the test's own waiting adds no calls to count.
@@ -106,6 +106,7 @@ void disknp_life()
 
 using Life = void (*)();
 using Counts = std::map<std::string, unsigned>;
+using Clock = std::chrono::steady_clock;
 
 // One run: the nth call of `function` fails (nth 0: a clean run, which counts the calls).
 struct Job {
@@ -113,16 +114,13 @@ struct Job {
     unsigned nth = 0;
 };
 
-// One life in the child. Returns "" when it left nothing behind, else what it left; a clean
-// run's `counts` gets each function's calls as "name=count ...".
-std::string run_life(Life life, const Job &job, std::string *counts)
+// One life in the child: "ok", with each function's calls as " name=count" for a clean run, or
+// what it left behind.
+std::string run_life(Life life, const Job &job)
 {
     doubles::reset();
     qmtp::sim::reset();
-    qmtp::sim::set_volume(kGuid, {0, 1});
-    qmtp::sim::set_disk(0, {});
-    qmtp::sim::set_disk(1, {});
-    life == sdw_life ? sdw_world() : disknp_world();
+    world(life == sdw_life);
     // The trace log's suppression entries live as long as the process: made before counting.
     for (const char *name : {"", "sdw1", "np1"}) SdwWriteLog(*name ? name : nullptr, QMTLOG_ERROR, __FILE__, __LINE__, "warm", "warm-up");
     qmtp_tick_freeze(100000);
@@ -131,107 +129,84 @@ std::string run_life(Life life, const Job &job, std::string *counts)
     const long allocations = qmtp_live_allocations();
     if (job.nth != 0) qmtp_fault_set(job.function.c_str(), job.nth, kInjected);
     life();
-    if (job.nth == 0)
-        for (const char *f : kFunctions) *counts += std::string(f) + "=" + std::to_string(qmtp_call_count(f)) + " ";
+    std::string ok = "ok";
+    for (const char *f : kFunctions)
+        if (job.nth == 0) ok += " " + std::string(f) + "=" + std::to_string(qmtp_call_count(f));
     qmtp_fault_clear();
-    const long handle_slack = job.function == "CloseHandle" ? 1 : 0;
-    const long allocation_slack = job.function == "GlobalFree" ? 1 : 0;
     const long left_handles = qmtp_live_handles() - handles;
     const long left_allocations = qmtp_live_allocations() - allocations;
     std::string left;
     if (gsdwInitCount != 0 || gsdwlpRsc != nullptr) left += "still initialised after the teardown; ";
-    if (left_handles < 0 || left_handles > handle_slack) left += std::to_string(left_handles) + " handle(s) left; ";
-    if (left_allocations < 0 || left_allocations > allocation_slack)
+    if (left_handles < 0 || left_handles > (job.function == "CloseHandle" ? 1 : 0))
+        left += std::to_string(left_handles) + " handle(s) left; ";
+    if (left_allocations < 0 || left_allocations > (job.function == "GlobalFree" ? 1 : 0))
         left += std::to_string(left_allocations) + " allocation(s) left; ";
-    return left;
+    return left.empty() ? ok : left;
 }
 
-// The child runs its jobs in order, one line each on `out`: "ok COUNTS" or what was left. It
-// stops at the first run that left something, as the next would start from what it left.
-[[noreturn]] void run_child(Life life, const std::vector<Job> &jobs, int out)
-{
-    for (const Job &job : jobs) {
-        std::string counts;
-        const std::string left = run_life(life, job, &counts);
-        const std::string line = (left.empty() ? "ok " + counts : left) + "\n";
-        (void)!write(out, line.data(), line.size());
-        if (!left.empty()) _exit(1);
-    }
-    _exit(0);
-}
-
-// A child with its jobs. Failing runs are reported by job; the jobs after a run that crashed,
-// hung or left something go to a new child.
+// A child running jobs in a row, a line each on `out`. It stops at the first run that left
+// something, as the next would start from what it left.
 struct Batch {
     std::vector<Job> jobs;
     size_t done = 0;
     pid_t pid = -1;
     int out = -1;
     std::string pending;  // a line not yet complete
-    std::chrono::steady_clock::time_point job_started;
+    Clock::time_point job_started = Clock::now();
+
+    Batch(Life life, std::vector<Job> todo) : jobs(std::move(todo))
+    {
+        int fds[2];
+        if (pipe(fds) != 0) std::abort();
+        std::fflush(nullptr);
+        pid = fork();
+        if (pid < 0) std::abort();
+        if (pid == 0) {
+            for (const Job &job : jobs) {
+                const std::string line = run_life(life, job) + "\n";
+                (void)!write(fds[1], line.data(), line.size());
+                if (line.rfind("ok", 0) != 0) _exit(1);
+            }
+            _exit(0);
+        }
+        close(fds[1]);
+        fcntl(fds[0], F_SETFL, O_NONBLOCK);
+        out = fds[0];
+    }
 };
 
-Batch start(Life life, std::vector<Job> jobs)
+// Runs `jobs`, `per_child` in a row in each child and kParallel children at a time; the jobs after
+// a run that crashed, hung or left something go to a new child. Returns every run's line; each
+// line of `failures` names a run that went wrong.
+std::vector<std::string> sweep(Life life, const std::vector<Job> &jobs, size_t per_child,
+                               std::vector<std::string> *failures)
 {
-    Batch batch;
-    batch.jobs = std::move(jobs);
-    int fds[2];
-    if (pipe(fds) != 0) return batch;
-    std::fflush(nullptr);
-    batch.pid = fork();
-    if (batch.pid == 0) {
-        close(fds[0]);
-        run_child(life, batch.jobs, fds[1]);
-    }
-    close(fds[1]);
-    fcntl(fds[0], F_SETFL, O_NONBLOCK);
-    batch.out = fds[0];
-    batch.job_started = std::chrono::steady_clock::now();
-    return batch;
-}
-
-std::string describe(const Job &job) { return job.function + " call " + std::to_string(job.nth) + " failing: "; }
-
-// Takes the child's finished lines: each ends a job. Returns the lines' texts.
-std::vector<std::string> take_lines(Batch &b)
-{
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(b.out, buf, sizeof buf)) > 0) b.pending.append(buf, static_cast<size_t>(n));
     std::vector<std::string> lines;
-    for (size_t end; (end = b.pending.find('\n')) != std::string::npos;) {
-        lines.push_back(b.pending.substr(0, end));
-        b.pending.erase(0, end + 1);
-        b.done++;
-        b.job_started = std::chrono::steady_clock::now();
-    }
-    return lines;
-}
-
-// Runs `jobs`, `per_child` in a row in each child and kParallel children at a time. Each line of
-// `failures` names a run that went wrong; `reports` gets every run's line.
-void sweep(Life life, const std::vector<Job> &jobs, size_t per_child, std::vector<std::string> *failures,
-           std::vector<std::string> *reports = nullptr)
-{
+    auto fail = [&](const Job &job, const std::string &what) {
+        failures->push_back(job.function + " call " + std::to_string(job.nth) + " failing: " + what);
+    };
+    auto take_lines = [&](Batch &b) {
+        char buf[4096];
+        for (ssize_t n; (n = read(b.out, buf, sizeof buf)) > 0;) b.pending.append(buf, static_cast<size_t>(n));
+        for (size_t end; (end = b.pending.find('\n')) != std::string::npos; b.pending.erase(0, end + 1)) {
+            lines.push_back(b.pending.substr(0, end));
+            if (lines.back().rfind("ok", 0) != 0) fail(b.jobs[b.done], lines.back());
+            b.done++;
+            b.job_started = Clock::now();
+        }
+    };
     std::deque<std::vector<Job>> todo;
     for (size_t i = 0; i < jobs.size(); i += per_child)
-        todo.emplace_back(jobs.begin() + static_cast<std::ptrdiff_t>(i),
-                          jobs.begin() + static_cast<std::ptrdiff_t>(std::min(jobs.size(), i + per_child)));
+        todo.emplace_back(jobs.begin() + i, jobs.begin() + std::min(jobs.size(), i + per_child));
     std::vector<Batch> running;
     while (!todo.empty() || !running.empty()) {
-        while (!todo.empty() && running.size() < kParallel) {
-            running.push_back(start(life, std::move(todo.front())));
-            todo.pop_front();
-        }
+        for (; !todo.empty() && running.size() < kParallel; todo.pop_front()) running.emplace_back(life, std::move(todo.front()));
         for (size_t i = 0; i < running.size();) {
             Batch &b = running[i];
-            for (const std::string &line : take_lines(b)) {
-                if (reports) reports->push_back(line);
-                if (line.rfind("ok ", 0) != 0) failures->push_back(describe(b.jobs[b.done - 1]) + line);
-            }
+            take_lines(b);
             siginfo_t info{};
             const bool ended = waitid(P_PID, static_cast<id_t>(b.pid), &info, WEXITED | WNOHANG) == 0 && info.si_pid == b.pid;
-            const bool hung = !ended && std::chrono::steady_clock::now() - b.job_started > kRunLimit;
+            const bool hung = !ended && Clock::now() - b.job_started > kRunLimit;
             if (!ended && !hung) {
                 i++;
                 continue;
@@ -240,32 +215,27 @@ void sweep(Life life, const std::vector<Job> &jobs, size_t per_child, std::vecto
                 kill(b.pid, SIGKILL);
                 waitpid(b.pid, nullptr, 0);
             }
-            for (const std::string &line : take_lines(b)) {
-                if (reports) reports->push_back(line);
-                if (line.rfind("ok ", 0) != 0) failures->push_back(describe(b.jobs[b.done - 1]) + line);
-            }
+            take_lines(b);
             close(b.out);
             size_t next = b.done;
-            if (next < b.jobs.size() && (hung || info.si_code != CLD_EXITED)) {
-                failures->push_back(describe(b.jobs[next]) +
-                                    (hung ? "hung (killed after " + std::to_string(kRunLimit.count()) + " s)"
-                                          : "crashed (signal " + std::to_string(info.si_status) + ")"));
-                next++;
-            }
-            if (next < b.jobs.size()) todo.emplace_back(b.jobs.begin() + static_cast<std::ptrdiff_t>(next), b.jobs.end());
-            running.erase(running.begin() + static_cast<std::ptrdiff_t>(i));
+            if (next < b.jobs.size() && (hung || info.si_code != CLD_EXITED))
+                fail(b.jobs[next++], hung ? "hung (killed after " + std::to_string(kRunLimit.count()) + " s)"
+                                          : "crashed (signal " + std::to_string(info.si_status) + ")");
+            if (next < b.jobs.size()) todo.emplace_back(b.jobs.begin() + next, b.jobs.end());
+            running.erase(running.begin() + i);
         }
         std::this_thread::sleep_for(5ms);
     }
+    return lines;
 }
 
 Counts clean_counts(Life life)
 {
-    std::vector<std::string> failures, reports;
-    sweep(life, {Job{}}, 1, &failures, &reports);
+    std::vector<std::string> failures;
+    const std::vector<std::string> lines = sweep(life, {Job{}}, 1, &failures);
     EXPECT_TRUE(failures.empty()) << "the clean run: " << (failures.empty() ? "" : failures[0]);
     Counts counts;
-    std::istringstream in(reports.empty() ? "" : reports[0].substr(3));
+    std::istringstream in(lines.empty() ? "" : lines[0].substr(2));
     for (std::string item; in >> item;) {
         const size_t eq = item.find('=');
         counts[item.substr(0, eq)] = static_cast<unsigned>(std::stoul(item.substr(eq + 1)));
