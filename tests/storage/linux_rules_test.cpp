@@ -7,11 +7,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <tuple>
 
 namespace {
 
+namespace fs = std::filesystem;
 using qmtp::linuxdev::collect_extents;
 using qmtp::linuxdev::disk_name;
 using qmtp::linuxdev::disk_number;
@@ -54,87 +56,74 @@ protected:
         ASSERT_NE(::mkdtemp(tmpl), nullptr);
         top_ = tmpl;
         root_ = top_ + "/class/block/";
-        mkdirs(root_);
-        mkdirs(top_ + "/devices");
+        fs::create_directories(root_);
     }
-    void TearDown() override { std::system(("rm -rf " + top_).c_str()); }
+    void TearDown() override { fs::remove_all(top_); }
 
-    static void mkdirs(const std::string &p) { std::system(("mkdir -p " + p).c_str()); }
-    static void put(const std::string &file, const std::string &text) { std::ofstream(file) << text << "\n"; }
-
-    // A whole disk of `size` sectors.
-    std::string disk(const std::string &name, unsigned long size) {
-        std::string dir = top_ + "/devices/" + name;
-        mkdirs(dir + "/holders");
-        put(dir + "/size", std::to_string(size));
-        EXPECT_EQ(::symlink(dir.c_str(), (root_ + name).c_str()), 0);
+    // A device folder with its size in sectors and more files, linked into the block folder.
+    std::string device(const std::string &dir, const std::string &name, const std::vector<std::string> &files) {
+        fs::create_directories(dir);
+        for (size_t i = 0; i + 1 < files.size(); i += 2) std::ofstream(dir + "/" + files[i]) << files[i + 1] << "\n";
+        fs::create_directory_symlink(dir, root_ + name);
         return dir;
+    }
+    std::string disk(const std::string &name, unsigned long size) {
+        fs::create_directories(top_ + "/devices/" + name + "/holders");
+        return device(top_ + "/devices/" + name, name, {"size", std::to_string(size)});
     }
     void partition(const std::string &disk_dir, const std::string &name, int n, unsigned long start,
                    unsigned long size) {
-        std::string dir = disk_dir + "/" + name;
-        mkdirs(dir);
-        put(dir + "/partition", std::to_string(n));
-        put(dir + "/start", std::to_string(start));
-        put(dir + "/size", std::to_string(size));
-        EXPECT_EQ(::symlink(dir.c_str(), (root_ + name).c_str()), 0);
+        device(disk_dir + "/" + name, name,
+               {"partition", std::to_string(n), "start", std::to_string(start), "size", std::to_string(size)});
     }
     void holder(const std::string &name, const std::vector<std::string> &slaves) {
-        std::string dir = top_ + "/devices/virtual/" + name;
-        mkdirs(dir + "/slaves");
-        put(dir + "/size", "100");
-        for (auto &s : slaves) EXPECT_EQ(::symlink((root_ + s).c_str(), (dir + "/slaves/" + s).c_str()), 0);
-        EXPECT_EQ(::symlink(dir.c_str(), (root_ + name).c_str()), 0);
+        std::string dir = device(top_ + "/devices/virtual/" + name, name, {"size", "100"});
+        fs::create_directories(dir + "/slaves");
+        for (auto &s : slaves) fs::create_directory_symlink(root_ + s, dir + "/slaves/" + s);
+    }
+    // The extents of a device as (disk number, offset, length in bytes), and the walk's error.
+    using Extents = std::vector<std::tuple<DWORD, LONGLONG, LONGLONG>>;
+    Extents extents(const std::string &name, DWORD *error) {
+        std::vector<DISK_EXTENT> e;
+        *error = collect_extents(root_, name, &e);
+        Extents out;
+        for (const auto &x : e) out.emplace_back(x.DiskNumber, x.StartingOffset.QuadPart, x.ExtentLength.QuadPart);
+        return out;
     }
 
     std::string top_, root_;
 };
 
-TEST_F(FakeSysfs, WholeDiskIsItsOwnExtent) {
+TEST_F(FakeSysfs, EachDeviceLeadsToItsWholeDisksAtTheirOffsets) {
     disk("loop4", 32768);
-    std::vector<DISK_EXTENT> e;
-    ASSERT_EQ(collect_extents(root_, "loop4", &e), 0u);
-    ASSERT_EQ(e.size(), 1u);
-    EXPECT_EQ(e[0].DiskNumber, 1004u);
-    EXPECT_EQ(e[0].StartingOffset.QuadPart, 0);
-    EXPECT_EQ(e[0].ExtentLength.QuadPart, 32768LL * 512);
-}
-
-TEST_F(FakeSysfs, PartitionLeadsToItsParentAtItsOffset) {
-    std::string sdb = disk("sdb", 1 << 20);
-    partition(sdb, "sdb2", 2, 4096, 2048);
-    std::vector<DISK_EXTENT> e;
-    ASSERT_EQ(collect_extents(root_, "sdb2", &e), 0u);
-    ASSERT_EQ(e.size(), 1u);
-    EXPECT_EQ(e[0].DiskNumber, 1u);
-    EXPECT_EQ(e[0].StartingOffset.QuadPart, 4096LL * 512);
-    EXPECT_EQ(e[0].ExtentLength.QuadPart, 2048LL * 512);
-}
-
-TEST_F(FakeSysfs, DeviceMapperOverRaidFollowsEverySlaveDown) {
+    partition(disk("sdb", 1 << 20), "sdb2", 2, 4096, 2048);
     std::string sda = disk("sda", 1000), sdc = disk("sdc", 1000);
-    std::string nvme = disk("nvme0n1", 5000);
+    disk("nvme0n1", 5000);
     partition(sda, "sda1", 1, 2048, 500);
     partition(sdc, "sdc1", 1, 2048, 500);
     holder("md0", {"sda1", "sdc1"});
     holder("dm-0", {"md0", "nvme0n1"});
-    std::vector<DISK_EXTENT> e;
-    ASSERT_EQ(collect_extents(root_, "dm-0", &e), 0u);
-    ASSERT_EQ(e.size(), 3u);
-    EXPECT_EQ(e[0].DiskNumber, 0u);
-    EXPECT_EQ(e[1].DiskNumber, 2u);
-    EXPECT_EQ(e[2].DiskNumber, 2000u);
-    EXPECT_EQ(e[2].StartingOffset.QuadPart, 0);
+    const std::pair<const char *, Extents> cases[] = {
+        {"loop4", {{1004, 0, 32768LL * 512}}}, // a whole disk is its own extent
+        {"sdb2", {{1, 4096LL * 512, 2048LL * 512}}},
+        {"dm-0", {{0, 2048LL * 512, 500LL * 512}, {2, 2048LL * 512, 500LL * 512}, {2000, 0, 5000LL * 512}}},
+    };
+    for (const auto &[name, expected] : cases) {
+        DWORD error = 1;
+        EXPECT_EQ(extents(name, &error), expected) << name;
+        EXPECT_EQ(error, 0u) << name;
+    }
 }
 
 TEST_F(FakeSysfs, UnnumberedOrMissingDevicesFail) {
     disk("sr0", 100);
-    std::vector<DISK_EXTENT> e;
-    EXPECT_EQ(collect_extents(root_, "sr0", &e), static_cast<DWORD>(ERROR_NOT_SUPPORTED));
-    EXPECT_EQ(collect_extents(root_, "sdq", &e), static_cast<DWORD>(ERROR_DEVICE_NOT_CONNECTED));
     holder("dm-1", {"sr0"});
-    EXPECT_EQ(collect_extents(root_, "dm-1", &e), static_cast<DWORD>(ERROR_NOT_SUPPORTED));
-    EXPECT_TRUE(e.empty());
+    for (const auto &[name, error] : {std::pair<const char *, DWORD>{"sr0", ERROR_NOT_SUPPORTED},
+                                      {"sdq", ERROR_DEVICE_NOT_CONNECTED}, {"dm-1", ERROR_NOT_SUPPORTED}}) {
+        DWORD got = 0;
+        EXPECT_EQ(extents(name, &got), Extents{}) << name;
+        EXPECT_EQ(got, error) << name;
+    }
 }
 
 } // namespace
