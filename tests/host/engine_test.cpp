@@ -34,11 +34,15 @@ struct Fake {
     DWORD init_result = 0;
     DWORD status = 0;
 
-    void record(const std::string &call)
+    template <class F> auto locked(F f)
     {
         std::lock_guard lock(m);
-        calls.push_back(call);
+        return f();
     }
+    void record(const std::string &call) { locked([&] { calls.push_back(call); }); }
+    int passes_of(const std::string &name) { return locked([&] { return passes[name]; }); }
+    Calls calls_so_far() { return locked([&] { return calls; }); }
+    void release_all() { locked([&] { released = true; cv.notify_all(); }); }
     DWORD pass(const char *name)
     {
         std::unique_lock lock(m);
@@ -46,22 +50,6 @@ struct Fake {
         if (hung.count(name))
             cv.wait(lock, [this] { return released; });
         return status;
-    }
-    int passes_of(const std::string &name)
-    {
-        std::lock_guard lock(m);
-        return passes[name];
-    }
-    Calls calls_so_far()
-    {
-        std::lock_guard lock(m);
-        return calls;
-    }
-    void release_all()
-    {
-        std::lock_guard lock(m);
-        released = true;
-        cv.notify_all();
     }
 };
 Fake *fake = nullptr;
@@ -270,10 +258,7 @@ TEST_F(EngineTest, StatusesOfEveryPassAreKept)
     qmtrm::Engine engine = make({"sdw1"}, 1, 1, true);
     ASSERT_EQ(engine.start(), 0u);
     ASSERT_TRUE(step_until(engine, [&] { return engine.passes() == 1; }, 5s));
-    {
-        std::lock_guard lock(state_.m);
-        state_.status = 5;
-    }
+    state_.locked([&] { state_.status = 5; });
     ASSERT_TRUE(step_until(engine, [&] { return engine.passes() == 2; }, 5s));
     ASSERT_TRUE(release_and_stop(engine));
     EXPECT_EQ(engine.statuses_seen(), (std::set<DWORD>{0, 5}));

@@ -14,12 +14,12 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <thread>
+#include <tuple>
 
 using namespace storage_test;
 
@@ -62,35 +62,31 @@ Disks disks_of(const std::string &guid, DWORD *error) {
     return out;
 }
 
-// ---- Volumes ----------------------------------------------------------------------------------
-
-TEST_F(LinuxStorage, Ext4VolumeIsTheWholeOfItsLoopDiskInEitherCase) {
-    if (!e2fsprogs()) GTEST_SKIP() << "e2fsprogs missing";
-    const std::string uuid = new_uuid();
-    ASSERT_TRUE(make_ext4(dir_ + "/ext4.img", uuid));
-    Loop loop;
-    ASSERT_TRUE(loop.attach(dir_ + "/ext4.img"));
-    std::string upper = uuid;
-    std::transform(upper.begin(), upper.end(), upper.begin(), [](unsigned char c) { return std::toupper(c); });
-    for (const std::string &guid : {uuid, upper}) {
-        HANDLE vol = open_volume(guid);
-        ASSERT_NE(vol, INVALID_HANDLE_VALUE) << GetLastError();
-        std::vector<BYTE> buf(80);
-        DWORD returned = 0;
-        ASSERT_TRUE(DeviceIoControl(vol, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buf.data(), 80,
-                                    &returned, nullptr))
-            << GetLastError();
-        auto *v = reinterpret_cast<VOLUME_DISK_EXTENTS *>(buf.data());
-        EXPECT_EQ(returned, 32u);
-        ASSERT_EQ(v->NumberOfDiskExtents, 1u);
-        EXPECT_EQ(v->Extents[0].DiskNumber, loop.number);
-        EXPECT_EQ(v->Extents[0].StartingOffset.QuadPart, 0);
-        EXPECT_EQ(v->Extents[0].ExtentLength.QuadPart, 16 << 20);
-        EXPECT_TRUE(CloseHandle(vol));
-    }
+// The volume's extents through its handle, as (disk number, offset, length); none when it cannot
+// be opened.
+using Extents = std::vector<std::tuple<DWORD, LONGLONG, LONGLONG>>;
+Extents extents_of(const std::string &guid) {
+    HANDLE vol = open_volume(guid);
+    if (vol == INVALID_HANDLE_VALUE) return {};
+    std::vector<BYTE> buf(80);
+    DWORD returned = 0;
+    Extents out;
+    EXPECT_TRUE(DeviceIoControl(vol, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, buf.data(), 80, &returned,
+                                nullptr))
+        << GetLastError();
+    auto *v = reinterpret_cast<VOLUME_DISK_EXTENTS *>(buf.data());
+    for (DWORD i = 0; i < v->NumberOfDiskExtents; ++i)
+        out.emplace_back(v->Extents[i].DiskNumber, v->Extents[i].StartingOffset.QuadPart,
+                         v->Extents[i].ExtentLength.QuadPart);
+    EXPECT_EQ(returned, 8 + 24 * out.size());
+    EXPECT_TRUE(CloseHandle(vol));
+    return out;
 }
 
-// A volume found once is followed by the very next call through every change of its device.
+// ---- Volumes ----------------------------------------------------------------------------------
+
+// An ext4 volume is the whole of its loop disk, its GUID matched in either case; once found it is
+// followed by the very next call through every change of its device.
 TEST_F(LinuxStorage, VolumeIsFollowedThroughEveryChangeOfItsDevice) {
     if (!e2fsprogs()) GTEST_SKIP() << "e2fsprogs missing";
     const std::string img = dir_ + "/vol.img", other = dir_ + "/other.img";
@@ -101,7 +97,11 @@ TEST_F(LinuxStorage, VolumeIsFollowedThroughEveryChangeOfItsDevice) {
     ASSERT_TRUE(loop.attach(img));
     DWORD err = 0;
     auto here = [&loop] { return Disks{{loop.number, loop.dev}}; };
+    auto whole = [&loop] { return Extents{{loop.number, 0, 16 << 20}}; };
     ASSERT_EQ(disks_of(uuid, &err), here());
+    std::string upper = uuid;
+    std::transform(upper.begin(), upper.end(), upper.begin(), [](unsigned char c) { return std::toupper(c); });
+    EXPECT_EQ(extents_of(upper), whole());
 
     struct Step {
         const char *what;
@@ -140,9 +140,7 @@ TEST_F(LinuxStorage, VolumeIsFollowedThroughEveryChangeOfItsDevice) {
         if (loop.dev.empty()) break;
         EXPECT_EQ(disks_of(uuid, &err), here());
         EXPECT_EQ(err, 0u);
-        HANDLE vol = open_volume(uuid);
-        EXPECT_NE(vol, INVALID_HANDLE_VALUE) << GetLastError();
-        if (vol != INVALID_HANDLE_VALUE) CloseHandle(vol);
+        EXPECT_EQ(extents_of(uuid), whole());
     }
 }
 
@@ -202,6 +200,14 @@ void set_flag(const std::string &file, bool on) {
 }
 void hold(bool on) { set_flag(g_hold, on); }
 
+// Whether `pid` ends within `ms`; it is reaped if so.
+bool exits_within(pid_t pid, DWORD ms, int *status = nullptr) {
+    for (DWORD waited = 0;; waited += 10, Sleep(10)) {
+        if (::waitpid(pid, status, WNOHANG) == pid) return true;
+        if (waited >= ms) return false;
+    }
+}
+
 // A loop device over a file of the stall filesystem; all undone in TearDown.
 class FuseDisk : public LinuxStorage {
 protected:
@@ -222,13 +228,8 @@ protected:
             ::execl(QMT_STALLFS, QMT_STALLFS, mnt_.c_str(), image.c_str(), g_hold.c_str(), g_fail.c_str(), nullptr);
             ::_exit(127);
         }
-        struct stat st {};
-        for (DWORD w = 0; w < kBound && ::stat((mnt_ + "/disk.img").c_str(), &st) != 0; w += 10) {
-            if (::waitpid(fs_, nullptr, WNOHANG) == fs_) fs_ = -1;
-            if (fs_ < 0) GTEST_SKIP() << "FUSE cannot mount here";
-            Sleep(10);
-        }
-        if (!loop_.attach(mnt_ + "/disk.img")) GTEST_SKIP() << "losetup refuses a FUSE-served file";
+        for (DWORD w = 0; w < kBound && ::access((mnt_ + "/disk.img").c_str(), F_OK) != 0; w += 10) Sleep(10);
+        if (!loop_.attach(mnt_ + "/disk.img")) GTEST_SKIP() << "FUSE cannot mount here, or losetup refuses its file";
     }
     void TearDown() override {
         if (!dir_.empty()) {
@@ -240,12 +241,7 @@ protected:
         loop_.detach();
         if (fs_ > 0) {
             if (::umount2(mnt_.c_str(), 0) != 0) ::umount2(mnt_.c_str(), MNT_DETACH);
-            bool gone = false;
-            for (int i = 0; i < 500 && !gone; ++i) {
-                gone = ::waitpid(fs_, nullptr, WNOHANG) == fs_;
-                if (!gone) Sleep(10);
-            }
-            if (!gone) {
+            if (!exits_within(fs_, 5000)) {
                 ::kill(fs_, SIGKILL);
                 ::waitpid(fs_, nullptr, 0);
             }
@@ -303,9 +299,8 @@ struct StuckCaller {
           }) {}
     ~StuckCaller() { join(); }
     void join() {
-        if (!thread.joinable()) return;
         hold(false);
-        thread.join();
+        if (thread.joinable()) thread.join();
     }
 };
 
@@ -409,11 +404,7 @@ TEST_F(FuseDisk, ProcessLeavesWhileAProbeOfADiskAtRiskIsStuck) {
         ::_exit(0); // with that probe in the kernel
     }
     int status = -1;
-    bool gone = false;
-    for (int i = 0; i < 1000 && !gone; ++i) {
-        gone = ::waitpid(pid, &status, WNOHANG) == pid;
-        if (!gone) Sleep(10);
-    }
+    const bool gone = exits_within(pid, 10000, &status);
     EXPECT_TRUE(gone) << "the process did not leave while its probe was stuck";
     if (!gone) {
         hold(false);

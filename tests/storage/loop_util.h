@@ -4,7 +4,6 @@
 
 #include "qmtwin.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -73,6 +73,7 @@ inline std::string temp_root() {
 // devices over files in scratch folders whose owning process is gone, FUSE mounts in them, and
 // the folders.
 inline void sweep_dead_runs() {
+    namespace fs = std::filesystem;
     const std::string prefix = temp_root() + "/qmt-stor-";
     auto dead_folder = [&prefix](const std::string &path) -> std::string {
         if (path.rfind(prefix, 0) != 0) return {};
@@ -82,26 +83,19 @@ inline void sweep_dead_runs() {
         if (pid > 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM)) return {};
         return dir;
     };
-    if (DIR *d = ::opendir("/sys/block")) {
-        while (dirent *e = ::readdir(d)) {
-            std::string name = e->d_name;
-            if (name.rfind("loop", 0) != 0) continue;
-            std::string backing;
-            std::getline(std::ifstream("/sys/block/" + name + "/loop/backing_file"), backing);
-            if (!dead_folder(backing).empty()) run("losetup -d /dev/" + name);
-        }
-        ::closedir(d);
+    std::error_code ec;
+    for (const auto &e : fs::directory_iterator("/sys/block", ec)) {
+        std::string backing;
+        std::getline(std::ifstream(e.path() / "loop/backing_file"), backing);
+        if (!dead_folder(backing).empty()) run("losetup -d /dev/" + e.path().filename().string());
     }
     std::ifstream mounts("/proc/mounts");
     for (std::string src, mnt, rest; mounts >> src >> mnt && std::getline(mounts, rest);) {
         if (!dead_folder(mnt).empty()) run("umount -l " + mnt);
     }
-    if (DIR *d = ::opendir(temp_root().c_str())) {
-        while (dirent *e = ::readdir(d)) {
-            std::string dir = dead_folder(temp_root() + "/" + e->d_name + "/");
-            if (!dir.empty()) run("rm -rf " + dir);
-        }
-        ::closedir(d);
+    for (const auto &e : fs::directory_iterator(temp_root(), ec)) {
+        std::string dir = dead_folder(e.path().string() + "/");
+        if (!dir.empty()) fs::remove_all(dir, ec);
     }
 }
 
