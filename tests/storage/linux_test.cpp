@@ -192,20 +192,22 @@ TEST_F(LinuxStorage, UnknownVolumeAndDiskAreNotFound) {
 
 std::string g_hold, g_fail; // while a file exists, the disk's reads are held / fail
 
-void set_flag(const std::string &file, bool on) {
-    if (on)
-        std::ofstream{file};
-    else
-        ::unlink(file.c_str());
-}
+void set_flag(const std::string &file, bool on) { on ? void(std::ofstream{file}) : void(::unlink(file.c_str())); }
 void hold(bool on) { set_flag(g_hold, on); }
 
-// Whether `pid` ends within `ms`; it is reaped if so.
-bool exits_within(pid_t pid, DWORD ms, int *status = nullptr) {
-    for (DWORD waited = 0;; waited += 10, Sleep(10)) {
-        if (::waitpid(pid, status, WNOHANG) == pid) return true;
+// Whether `done` holds within `ms`, asked every 5 ms.
+template <class F> bool within(DWORD ms, F done) {
+    for (DWORD waited = 0;; waited += 5, Sleep(5)) {
+        if (done()) return true;
         if (waited >= ms) return false;
     }
+}
+// Whether `pid` ends within `ms`; it is reaped if so.
+bool exits_within(pid_t pid, DWORD ms, int *status = nullptr) {
+    return within(ms, [&] { return ::waitpid(pid, status, WNOHANG) == pid; });
+}
+bool kernel_idle_within(DWORD ms) {
+    return within(ms, [] { return qmtp_storage_probes_in_kernel() == 0; });
 }
 
 // A loop device over a file of the stall filesystem; all undone in TearDown.
@@ -228,7 +230,7 @@ protected:
             ::execl(QMT_STALLFS, QMT_STALLFS, mnt_.c_str(), image.c_str(), g_hold.c_str(), g_fail.c_str(), nullptr);
             ::_exit(127);
         }
-        for (DWORD w = 0; w < kBound && ::access((mnt_ + "/disk.img").c_str(), F_OK) != 0; w += 10) Sleep(10);
+        within(kBound, [&] { return ::access((mnt_ + "/disk.img").c_str(), F_OK) == 0; });
         if (!loop_.attach(mnt_ + "/disk.img")) GTEST_SKIP() << "FUSE cannot mount here, or losetup refuses its file";
     }
     void TearDown() override {
@@ -237,7 +239,7 @@ protected:
             set_flag(g_fail, false);
         }
         // Leave the kernel idle before the device and the mount go away.
-        for (int i = 0; i < 200 && qmtp_storage_probes_in_kernel() != 0; ++i) Sleep(10);
+        kernel_idle_within(2000);
         loop_.detach();
         if (fs_ > 0) {
             if (::umount2(mnt_.c_str(), 0) != 0) ::umount2(mnt_.c_str(), MNT_DETACH);
@@ -260,11 +262,7 @@ protected:
         std::ifstream("/sys/block/" + loop_.dev.substr(5) + "/inflight") >> reads;
         return reads;
     }
-    bool wait_held() {
-        for (DWORD waited = 0; waited < kBound; waited += 5, Sleep(5))
-            if (held() >= 1) return true;
-        return false;
-    }
+    bool wait_held() { return within(kBound, [this] { return held() >= 1; }); }
 
     std::string mnt_;
     pid_t fs_ = -1;
@@ -291,12 +289,11 @@ struct StuckCaller {
     BOOL ok = FALSE;
     DWORD error = 0;
     std::thread thread;
-    explicit StuckCaller(HANDLE d)
-        : thread([this, d] {
-              Probe p;
-              ok = p.issue(d);
-              error = GetLastError();
-          }) {}
+    explicit StuckCaller(HANDLE d) : thread([this, d] {
+        Probe p;
+        ok = p.issue(d);
+        error = GetLastError();
+    }) {}
     ~StuckCaller() { join(); }
     void join() {
         hold(false);
@@ -375,8 +372,7 @@ TEST_F(FuseDisk, CancelAndCloseLeaveStuckProbesToTheBackend) {
     first.join();
     EXPECT_FALSE(first.ok) << "cancelled while in the kernel";
     EXPECT_EQ(first.error, static_cast<DWORD>(ERROR_OPERATION_ABORTED));
-    for (int i = 0; i < 1000 && qmtp_storage_probes_in_kernel() != 0; ++i) Sleep(10);
-    EXPECT_EQ(qmtp_storage_probes_in_kernel(), 0u);
+    EXPECT_TRUE(kernel_idle_within(kBound));
     EXPECT_LE(qmtp_storage_probe_threads(), 16u);
 }
 
