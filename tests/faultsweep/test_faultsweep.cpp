@@ -70,13 +70,6 @@ void world(bool sdw)
     doubles::set_names("/root/monitor/sdw", {"sdw1"});
 }
 
-// Polls without calling the platform, so that the test's own waiting adds no calls to count.
-template <class Done> void wait_until(Done done, std::chrono::milliseconds limit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
-}
-
 void sdw_life()
 {
     InitRscDll("qmtsdw", 0, 0);
@@ -94,8 +87,11 @@ void disknp_life()
     NpMontrStatusChange("disknp", "np1", SDW_CTRL_START);
     // One worker cycle: the first comes a second after the start.
     SDW_RSC *rsc = SdwFindRsc("np1");
-    wait_until([&] { return qmtp::sim::probe_count(0) >= 1 && rsc && SdwLoad(rsc->check_point) == SDW_CP_WAITING; },
-               1500ms);
+    // Polled without calling the platform, so that the test's own waiting adds no calls to count.
+    const auto end = std::chrono::steady_clock::now() + 1500ms;
+    while (!(qmtp::sim::probe_count(0) >= 1 && rsc && SdwLoad(rsc->check_point) == SDW_CP_WAITING) &&
+           std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(2ms);
     DoNpMontr("disknp", "np1");
     GetCheckPoint("np1");
     NpMontrStatusChange("disknp", "np1", SDW_CTRL_SUSPEND);

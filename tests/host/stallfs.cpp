@@ -23,17 +23,13 @@ off_t image_size = 0;
 
 int fs_getattr(const char *path, struct stat *st, fuse_file_info *)
 {
-    std::memset(st, 0, sizeof *st);
-    if (std::strcmp(path, "/") == 0) {
-        st->st_mode = S_IFDIR | 0755;
-        st->st_nlink = 2;
-        return 0;
-    }
-    if (std::strcmp(path, "/disk.img") != 0)
+    const bool root = std::strcmp(path, "/") == 0;
+    if (!root && std::strcmp(path, "/disk.img") != 0)
         return -ENOENT;
-    st->st_mode = S_IFREG | 0444;
-    st->st_nlink = 1;
-    st->st_size = image_size;
+    std::memset(st, 0, sizeof *st);
+    st->st_mode = root ? S_IFDIR | 0755 : S_IFREG | 0444;
+    st->st_nlink = root ? 2 : 1;
+    st->st_size = root ? 0 : image_size;
     return 0;
 }
 

@@ -19,21 +19,18 @@ using qmtp::linuxdev::disk_name;
 using qmtp::linuxdev::disk_number;
 
 TEST(DiskNumbers, WholeDiskNamesMapBothWays) {
-    struct Case {
-        const char *name;
-        DWORD number;
-    } cases[] = {
+    const std::pair<const char *, DWORD> cases[] = {
         {"sda", 0},         {"sdb", 1},        {"sdz", 25},    {"sdaa", 26},   {"sdab", 27},
         {"loop0", 1000},    {"loop7", 1007},   {"loop123", 1123},
         {"nvme0n1", 2000},  {"nvme0n2", 2001}, {"nvme1n1", 2100},
         {"vda", 3000},      {"vdc", 3002},     {"xvda", 4000}, {"mmcblk0", 5000}, {"nbd3", 6003},
         {"zram0", 7000},
     };
-    for (const Case &c : cases) {
+    for (const auto &[name, number] : cases) {
         DWORD n = 0xFFFFFFFF;
-        EXPECT_TRUE(disk_number(c.name, &n)) << c.name;
-        EXPECT_EQ(n, c.number) << c.name;
-        EXPECT_EQ(disk_name(c.number), c.name) << c.number;
+        EXPECT_TRUE(disk_number(name, &n)) << name;
+        EXPECT_EQ(n, number) << name;
+        EXPECT_EQ(disk_name(number), name) << number;
     }
 }
 

@@ -54,13 +54,18 @@ protected:
 
 // What a GUID resolves to now, as the disk numbers and /dev names of its whole disks.
 using Disks = std::vector<std::pair<DWORD, std::string>>;
+Disks disks(const std::vector<qmtp::storage::DiskRef> &refs) {
+    Disks out;
+    for (const auto &d : refs) out.emplace_back(d.number, d.dev);
+    return out;
+}
 Disks disks_of(const std::string &guid, DWORD *error) {
     qmtp::storage::Resolution r = qmtp::storage::resolve_volume(guid);
     *error = r.error;
-    Disks out;
-    for (const auto &d : r.disks) out.emplace_back(d.number, d.dev);
-    return out;
+    return disks(r.disks);
 }
+// The disks whose probe has been in the kernel for `ms` or more.
+Disks stuck_disks(DWORD ms) { return disks(qmtp::storage::stuck_disks(ms)); }
 
 // The volume's extents through its handle, as (disk number, offset, length); none when it cannot
 // be opened.
@@ -326,11 +331,8 @@ TEST_F(FuseDisk, StuckProbeIsNamedAndTheNextWaitsBehindIt) {
     StuckCaller first(d);
     ASSERT_TRUE(wait_held());
     EXPECT_EQ(qmtp_storage_probes_in_kernel(), 1u);
-    std::vector<qmtp::storage::DiskRef> stuck = qmtp::storage::stuck_disks(0);
-    ASSERT_EQ(stuck.size(), 1u);
-    EXPECT_EQ(stuck[0].number, loop_.number);
-    EXPECT_EQ(stuck[0].dev, loop_.dev);
-    EXPECT_TRUE(qmtp::storage::stuck_disks(60000).empty());
+    EXPECT_EQ(stuck_disks(0), (Disks{{loop_.number, loop_.dev}}));
+    EXPECT_EQ(stuck_disks(60000), Disks{});
 
     Probe next;
     EXPECT_FALSE(next.issue(d));

@@ -23,9 +23,8 @@ inline bool run(const std::string &cmd, std::string *out = nullptr) {
     if (!p) return false;
     std::array<char, 512> buf{};
     std::string first;
-    if (std::fgets(buf.data(), buf.size(), p)) first = buf.data();
-    while (std::fgets(buf.data(), buf.size(), p)) {
-    }
+    for (bool at_first = true; std::fgets(buf.data(), buf.size(), p); at_first = false)
+        if (at_first) first = buf.data();
     int rc = ::pclose(p);
     while (!first.empty() && (first.back() == '\n' || first.back() == ' ')) first.pop_back();
     if (out) *out = first;
