@@ -1,5 +1,5 @@
 // Shared by the platform tests: a fixture that fails a test which leaves a handle or a heap block
-// behind, and a thread helper over _beginthreadex.
+// behind, a thread helper over _beginthreadex, and a table runner for calls that must fail.
 #pragma once
 
 #include "qmtplat.h"
@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
 
 class PlatformTest : public ::testing::Test {
@@ -56,4 +57,20 @@ inline LARGE_INTEGER DueIn(LONGLONG ms) {
     LARGE_INTEGER due;
     due.QuadPart = -ms * 10000;
     return due;
+}
+
+// A call that must fail: `fails` makes it and says whether it returned its failure value.
+struct Failing {
+    const char *what;
+    std::function<bool()> fails;
+    DWORD error; // the exact last error it leaves
+};
+
+inline void ExpectEachFails(std::initializer_list<Failing> calls) {
+    for (const Failing &c : calls) {
+        SCOPED_TRACE(c.what);
+        SetLastError(0);
+        EXPECT_TRUE(c.fails());
+        EXPECT_EQ(GetLastError(), c.error);
+    }
 }
