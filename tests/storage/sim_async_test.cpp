@@ -83,66 +83,41 @@ TEST_F(PendingProbe, CompletesLaterWithTheDisksAnswer) {
     }
 }
 
-TEST_F(PendingProbe, IssuingResetsTheEventAndMarksPending) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    SetEvent(p.ev);
-    EXPECT_FALSE(p.issue(d));
-    EXPECT_EQ(WaitForSingleObject(p.ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
-    EXPECT_EQ(p.ov->Internal, 0x103u);
-    sim::release(4);
-    EXPECT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(PendingProbe, NoWaitOnAPendingProbeIsIncomplete) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    DWORD bytes = 0;
-    SetLastError(0);
-    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_INCOMPLETE));
-    sim::release(4);
-    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, TRUE));
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(PendingProbe, HangEndsOnRelease) {
+// A probe of a hung disk resets its event and stays pending, its block not reusable meanwhile,
+// until the disk is released: then every pending probe completes with the release's answer.
+TEST_F(PendingProbe, HangStaysPendingUntilReleased) {
     load("disk 4 hang\n");
     HANDLE d = open_disk(4);
     Probe a, b;
+    SetEvent(a.ev);
     EXPECT_FALSE(a.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    EXPECT_EQ(WaitForSingleObject(a.ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(a.ov->Internal, 0x103u);
+    DWORD bytes = 0;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, a.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_INCOMPLETE));
+    EXPECT_FALSE(a.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_FALSE(b.issue(d));
+    EXPECT_EQ(sim::probe_count(4), 2u);
     EXPECT_EQ(sim::pending_count(4), 2u);
     EXPECT_EQ(WaitForSingleObject(a.ev, 20), static_cast<DWORD>(WAIT_TIMEOUT));
+
     sim::release(4, 1167);
     EXPECT_EQ(sim::pending_count(4), 0u);
-    DWORD bytes = 0;
-    EXPECT_EQ(WaitForSingleObject(a.ev, 0), WAIT_OBJECT_0);
-    EXPECT_FALSE(GetOverlappedResult(d, a.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), 1167u);
-    EXPECT_FALSE(GetOverlappedResult(d, b.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), 1167u);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(PendingProbe, SameOverlappedCannotBeIssuedTwiceWhilePending) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    EXPECT_FALSE(p.issue(d));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(sim::probe_count(4), 1u);
-    sim::release(4);
+    for (Probe *p : {&a, &b}) {
+        EXPECT_EQ(WaitForSingleObject(p->ev, 0), WAIT_OBJECT_0);
+        SetLastError(0);
+        EXPECT_FALSE(GetOverlappedResult(d, p->ov, &bytes, FALSE));
+        EXPECT_EQ(GetLastError(), 1167u);
+    }
     // Once completed, the same block may carry the next probe.
-    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
-    EXPECT_FALSE(p.issue(d));
+    EXPECT_FALSE(a.issue(d));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
     sim::release(4);
+    EXPECT_TRUE(GetOverlappedResult(d, a.ov, &bytes, TRUE));
     EXPECT_TRUE(CloseHandle(d));
 }
 
@@ -163,15 +138,26 @@ TEST_F(PendingProbe, SynchronousProbeWaitsForTheDelay) {
 
 using DetachedProbe = SimTest;
 
-TEST_F(DetachedProbe, CancelIoCompletesWithAbortedBeforeReturning) {
-    load("disk 4 hang\n");
+// CancelIo ends a pending probe as aborted before it returns, and leaves one that already
+// completed as it was.
+TEST_F(DetachedProbe, CancelIoAbortsPendingProbesBeforeReturning) {
+    load("disk 0 delay 1\ndisk 4 hang\n");
+    HANDLE done = open_disk(0);
+    Probe completed;
+    EXPECT_FALSE(completed.issue(done));
+    ASSERT_EQ(WaitForSingleObject(completed.ev, kBound), WAIT_OBJECT_0);
+    EXPECT_TRUE(CancelIo(done));
+    DWORD bytes = 3;
+    EXPECT_TRUE(GetOverlappedResult(done, completed.ov, &bytes, FALSE));
+    EXPECT_TRUE(CloseHandle(done));
+
     HANDLE d = open_disk(4);
     Probe p;
     EXPECT_FALSE(p.issue(d));
     EXPECT_TRUE(CancelIo(d));
     EXPECT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
     EXPECT_EQ(p.ov->Internal, 0xC0000120u);
-    DWORD bytes = 3;
+    bytes = 3;
     SetLastError(0);
     EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
@@ -199,50 +185,29 @@ TEST_F(DetachedProbe, CloseHandleDetachesWithoutTouchingTheBlock) {
     EXPECT_EQ(sim::pending_count(4), 0u);
 }
 
-TEST_F(DetachedProbe, CancelIoLeavesCompletedProbesToBeReaped) {
-    load("disk 0 delay 1\ndisk 4 hang\n");
-    HANDLE d = open_disk(0);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
-    EXPECT_TRUE(CancelIo(d));
-    DWORD bytes = 0;
-    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(DetachedProbe, CancelIoFromAnotherThreadWakesAWaitingResult) {
+// A thread blocked on a hung probe, in the synchronous call or in a result that waits, is woken
+// by CancelIo from another thread and told the probe was aborted.
+TEST_F(DetachedProbe, CancelIoFromAnotherThreadWakesTheProbingThread) {
     load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    std::thread canceller([d] {
-        Sleep(20);
-        CancelIo(d);
-    });
-    DWORD bytes = 0;
-    SetLastError(0);
-    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, TRUE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
-    canceller.join();
-    sim::release(4);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(DetachedProbe, CancelIoEndsASynchronousProbeOnAnotherThread) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4, 0);
-    std::atomic<DWORD> error{0};
-    std::thread prober([d, &error] {
-        if (!DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr))
-            error = GetLastError();
-    });
-    ASSERT_TRUE(wait_until([] { return sim::pending_count(4) == 1; }));
-    EXPECT_TRUE(CancelIo(d));
-    prober.join();
-    EXPECT_EQ(error.load(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
-    sim::release(4);
-    EXPECT_TRUE(CloseHandle(d));
+    for (bool overlapped : {false, true}) {
+        SCOPED_TRACE(overlapped ? "result that waits" : "synchronous probe");
+        HANDLE d = open_disk(4, overlapped ? FILE_FLAG_OVERLAPPED : 0);
+        std::atomic<DWORD> error{0};
+        std::thread prober([&] {
+            Probe p;
+            DWORD bytes = 0;
+            const BOOL ok = overlapped ? (p.issue(d), GetOverlappedResult(d, p.ov, &bytes, TRUE))
+                                       : DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0,
+                                                         nullptr, nullptr);
+            error = ok ? 0 : GetLastError();
+        });
+        ASSERT_TRUE(wait_until([] { return sim::pending_count(4) == 1; }));
+        EXPECT_TRUE(CancelIo(d));
+        prober.join();
+        EXPECT_EQ(error.load(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+        sim::release(4);
+        EXPECT_TRUE(CloseHandle(d));
+    }
 }
 
 TEST_F(DetachedProbe, ResetEndsHungProbesAsDisconnected) {
