@@ -1,5 +1,5 @@
 // Shared by the platform tests: a fixture that fails a test which leaves a handle or a heap block
-// behind, a thread helper over _beginthreadex, and a table runner for calls that must fail.
+// behind, thread helpers over _beginthreadex, and a table runner for calls that must fail.
 #pragma once
 
 #include "qmtplat.h"
@@ -10,6 +10,7 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <vector>
 
 class PlatformTest : public ::testing::Test {
 protected:
@@ -50,6 +51,15 @@ inline void JoinThread(HANDLE thread) {
     ASSERT_NE(thread, nullptr);
     EXPECT_EQ(WaitForSingleObject(thread, 10000), WAIT_OBJECT_0);
     EXPECT_TRUE(CloseHandle(thread));
+}
+
+// Runs fn(0) .. fn(n - 1) on n threads at once and joins them all.
+inline void RunThreads(int n, const std::function<void(int)> &fn) {
+    std::vector<HANDLE> ts;
+    for (int i = 0; i < n; ++i)
+        ts.push_back(StartThread([&fn, i] { fn(i); }));
+    for (HANDLE t : ts)
+        JoinThread(t);
 }
 
 // A relative due time of `ms` milliseconds for SetWaitableTimer.
