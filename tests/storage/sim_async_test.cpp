@@ -80,6 +80,9 @@ TEST_F(PendingProbe, CompletesLaterWithTheDisksAnswer) {
         EXPECT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
         EXPECT_EQ(sim::pending_count(1), 0u);
         EXPECT_EQ(sim::probe_count(1), 1u);
+        // Cancelling now leaves the completed probe as it was.
+        EXPECT_TRUE(CancelIo(d));
+        EXPECT_EQ(GetOverlappedResult(d, p.ov, &bytes, FALSE) != FALSE, c.error == 0);
         EXPECT_TRUE(CloseHandle(d));
         // A synchronous probe of the same disk returns only with the answer.
         d = open_disk(1, 0);
@@ -122,11 +125,15 @@ TEST_F(PendingProbe, HangStaysPendingUntilReleased) {
         EXPECT_FALSE(GetOverlappedResult(d, p->ov, &bytes, FALSE));
         EXPECT_EQ(GetLastError(), 1167u);
     }
-    // Once completed, the same block may carry the next probe.
+    // Once completed, the same block may carry the next probe. A reset of the world ends it as
+    // disconnected, and forgets the probes counted.
     EXPECT_FALSE(a.issue(d));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
-    sim::release(4);
-    EXPECT_TRUE(GetOverlappedResult(d, a.ov, &bytes, TRUE));
+    sim::reset();
+    EXPECT_EQ(sim::probe_count(4), 0u);
+    EXPECT_EQ(WaitForSingleObject(a.ev, 0), WAIT_OBJECT_0);
+    EXPECT_FALSE(GetOverlappedResult(d, a.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DEVICE_NOT_CONNECTED));
     EXPECT_TRUE(CloseHandle(d));
 }
 
@@ -136,49 +143,35 @@ using DetachedProbe = SimTest;
 
 // CancelIo ends a pending probe as aborted before it returns, and leaves one that already
 // completed as it was.
-TEST_F(DetachedProbe, CancelIoAbortsPendingProbesBeforeReturning) {
-    load("disk 0 delay 1\ndisk 4 hang\n");
-    HANDLE done = open_disk(0);
-    Probe completed;
-    EXPECT_FALSE(completed.issue(done));
-    ASSERT_EQ(WaitForSingleObject(completed.ev, kBound), WAIT_OBJECT_0);
-    EXPECT_TRUE(CancelIo(done));
-    DWORD bytes = 3;
-    EXPECT_TRUE(GetOverlappedResult(done, completed.ov, &bytes, FALSE));
-    EXPECT_TRUE(CloseHandle(done));
 
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    EXPECT_TRUE(CancelIo(d));
-    EXPECT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(p.ov->Internal, 0xC0000120u);
-    bytes = 3;
-    SetLastError(0);
-    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
-    EXPECT_EQ(bytes, 0u);
-    // The device still holds the probe; the caller frees everything now.
-    EXPECT_EQ(sim::pending_count(4), 1u);
-    p.free();
-    sim::release(4);
-    EXPECT_EQ(sim::pending_count(4), 0u);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(DetachedProbe, CloseHandleDetachesWithoutTouchingTheBlock) {
+// CancelIo ends a pending probe as aborted before it returns; closing the handle instead touches
+// neither the block nor the event. Either way the caller may then free both while the disk still
+// holds the probe.
+TEST_F(DetachedProbe, CancelAbortsAndCloseDetachesAPendingProbe) {
     load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    p.ov->Internal = 0x5A5A;
-    EXPECT_TRUE(CloseHandle(d));
-    EXPECT_EQ(p.ov->Internal, 0x5A5Au);
-    EXPECT_EQ(WaitForSingleObject(p.ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
-    p.free();
-    EXPECT_EQ(sim::pending_count(4), 1u);
-    sim::release(4);
-    EXPECT_EQ(sim::pending_count(4), 0u);
+    for (bool cancel : {true, false}) {
+        SCOPED_TRACE(cancel ? "CancelIo" : "CloseHandle");
+        HANDLE d = open_disk(4);
+        Probe p;
+        EXPECT_FALSE(p.issue(d));
+        p.ov->Internal = 0x5A5A;
+        if (cancel) {
+            EXPECT_TRUE(CancelIo(d));
+            EXPECT_EQ(p.ov->Internal, 0xC0000120u);
+            DWORD bytes = 3;
+            SetLastError(0);
+            EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+            EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+            EXPECT_EQ(bytes, 0u);
+        }
+        EXPECT_TRUE(CloseHandle(d));
+        EXPECT_EQ(p.ov->Internal, cancel ? 0xC0000120u : 0x5A5Au);
+        EXPECT_EQ(WaitForSingleObject(p.ev, 0), cancel ? WAIT_OBJECT_0 : static_cast<DWORD>(WAIT_TIMEOUT));
+        p.free();
+        EXPECT_EQ(sim::pending_count(4), 1u);
+        sim::release(4);
+        EXPECT_EQ(sim::pending_count(4), 0u);
+    }
 }
 
 // A thread blocked on a hung probe, in the synchronous call or in a result that waits, is woken
@@ -204,20 +197,6 @@ TEST_F(DetachedProbe, CancelIoFromAnotherThreadWakesTheProbingThread) {
         sim::release(4);
         EXPECT_TRUE(CloseHandle(d));
     }
-}
-
-TEST_F(DetachedProbe, ResetEndsHungProbesAsDisconnected) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    sim::reset();
-    EXPECT_EQ(sim::probe_count(4), 0u);
-    ASSERT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
-    DWORD bytes = 0;
-    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DEVICE_NOT_CONNECTED));
-    EXPECT_TRUE(CloseHandle(d));
 }
 
 // Completion from the timer thread races with CancelIo and CloseHandle from here; every outcome
