@@ -1,14 +1,9 @@
-// npfixture.h - common ground of the disknp tests: a clean world per test (doubles, simulated
-// disks, faults, ticks), a configuration writer, bounded waits and the leak check.
+// npfixture.h - the disknp tests: a configuration writer, the service's start and end, and the
+// worker's controls.
 #pragma once
 
-#include "doubles.h"
-#include "qmtplat.h"
-#include "sdw.h"
+#include "world.h"
 
-#include <gtest/gtest.h>
-
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,20 +27,18 @@ void configure(const std::vector<NpResource> &resources, int delay_ratio = 80);
 std::string key_of(const std::string &name, const std::string &item);
 
 using doubles::line_index;
+using doubles::lines_like;
 using doubles::lines_with;
 using doubles::logged;
 
-// Polls `done` every 2 ms for at most `ms` milliseconds.
-bool wait_for(const std::function<bool()> &done, int ms);
+using doubles::hex;
+using doubles::hexnum;
+using doubles::wait_for;
 
-// "%#x" of a handle as the plug-in prints it.
-std::string hex(const void *handle);
-std::string hexnum(unsigned value);
-
-class NpTest : public ::testing::Test {
+class NpTest : public doubles::WorldTest {
 protected:
     void SetUp() override;
-    void TearDown() override;
+    void end_service() override;
     // Initialises the disknp service on the current configuration; asserts success.
     void init();
     SDW_RSC *rsc(const std::string &name);
@@ -58,9 +51,6 @@ protected:
     {
         return wait_for([&] { return checkpoint(name) == SDW_CP_PROBING && qmtp::sim::pending_count(disk) == 1; }, 3000);
     }
-
-    long handles_at_start_ = 0;
-    long allocations_at_start_ = 0;
 };
 
 }  // namespace nptest

@@ -71,47 +71,6 @@ TEST_F(NpConfigTest, OutOfRangeValuesGetTheirDefaultsWithWarnings)
                                           }));
 }
 
-TEST_F(NpConfigTest, HeartbeatDelayRatioAboveHundredBecomesEighty)
-{
-    configure({{"np1"}}, 101);
-    ASSERT_EQ(SdwGetNpConfig(), 0);
-    EXPECT_EQ(gsdwDelayRatio, 80u);
-    EXPECT_TRUE(logged("2|SdwGetNpConfig|Invalid range of delay ratio, set default. (101->80)"));
-}
-
-TEST_F(NpConfigTest, EmptyDeviceGuidIsNotedAndKept)
-{
-    configure({{"np1", 1, 1, 0, 4, ""}});
-    ASSERT_EQ(SdwGetNpConfig(), 0);
-    EXPECT_STREQ(gsdwlpRsc[0].device_info, "");
-    EXPECT_TRUE(logged("4|SdwGetNpConfig|Empty guid. (Name=np1 Device=4)"));
-}
-
-TEST_F(NpConfigTest, UnreadableCountFailsTheWholeBuild)
-{
-    configure({{"np1"}, {"np2"}});
-    doubles::fail_key(key_of("np2", "count"), 5);
-    EXPECT_EQ(SdwGetNpConfig(), 99);
-    EXPECT_EQ(gsdwlpRsc, nullptr);
-    EXPECT_EQ(gsdwRscCount, 0u);
-    EXPECT_TRUE(logged("1|SdwGetNpConfig|xmllib_get_value() failed. (Ret=0x5 key=/root/networkpartition/disknp@np2/count Size=4)"));
-    // The first resource was read in full before.
-    int device_of_np1 = 0;
-    for (const std::string &c : doubles::service_calls()) {
-        device_of_np1 += c == "xmllib_get_value(/root/server@node1/device@0/info)";
-    }
-    EXPECT_EQ(device_of_np1, 1);
-}
-
-TEST_F(NpConfigTest, UnreadableDeviceGuidFailsTheBuild)
-{
-    configure({{"np1", 1, 1, 0, 9, "g"}});
-    doubles::erase_key("/root/server@node1/device@9/info");
-    EXPECT_EQ(SdwGetNpConfig(), 99);
-    EXPECT_EQ(gsdwlpRsc, nullptr);
-    EXPECT_TRUE(logged("1|SdwGetNpConfig|xmllib_get_value() failed. (Ret=0x2 key=/root/server@node1/device@9/info Size=63)"));
-}
-
 TEST_F(NpConfigTest, LongNamesAreCutTo31AndReadUnderTheFullName)
 {
     const std::string full = "abcdefghijklmnopqrstuvwxyz0123456789";
@@ -120,14 +79,6 @@ TEST_F(NpConfigTest, LongNamesAreCutTo31AndReadUnderTheFullName)
     EXPECT_STREQ(gsdwlpRsc[0].name, "abcdefghijklmnopqrstuvwxyz01234");
     EXPECT_EQ(gsdwlpRsc[0].timeout, 7);
     EXPECT_EQ(SdwFindRsc(full.c_str()), nullptr);
-}
-
-TEST_F(NpConfigTest, NoResourcesIsUnregistered)
-{
-    configure({});
-    EXPECT_EQ(SdwGetNpConfig(), 99);
-    EXPECT_EQ(gsdwlpRsc, nullptr);
-    EXPECT_TRUE(logged("2|SdwGetNpConfig|Unregistered monitor. (Size=0)"));
 }
 
 TEST_F(NpConfigTest, SecondCallKeepsTheTable)

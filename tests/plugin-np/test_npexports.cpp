@@ -2,6 +2,8 @@
 // point and the control requests.
 #include "npfixture.h"
 
+#include <algorithm>
+
 using namespace nptest;
 using qmtp::sim::Behaviour;
 
@@ -64,76 +66,53 @@ TEST_F(NpExportsTest, InitialisesInOrderAndTearsDownInReverse)
     EXPECT_EQ(doubles::calls().back().log, nullptr);
 }
 
-TEST_F(NpExportsTest, InitialisesOnceAndTearsDownOnce)
-{
-    EXPECT_EQ(UninitNpRscDll("qmtsdw", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|UninitNpRscDll|Not initialized. (Ref=0)"));
-    init();
-    doubles::clear_calls();
-    EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 0u);
-    EXPECT_TRUE(logged("1|InitNpRscDll|Already initialized. (Ref=1)"));
-    EXPECT_TRUE(doubles::service_calls().empty());
-    EXPECT_EQ(gsdwInitCount, 1u);
-}
 
-// Each step of the initialisation failing in turn gives its own message and the result 1.
-TEST_F(NpExportsTest, EveryFailingStepSaysWhichAndFails)
+// Each step of the initialisation failing in turn: its message, the result 1, and the whole
+// unwinding in reverse order. What was never loaded answers 5; that is logged and the unwinding
+// goes on.
+TEST_F(NpExportsTest, EveryFailingStepSaysWhichAndUnwindsEverything)
 {
-    const std::vector<std::pair<std::string, std::string>> steps = {
-        {"cs_gethostname", "1|InitNpRscDll|cs_gethostname() failed. (Ret=9)"},
-        {"shmcm_attach", "1|InitNpRscDll|shmcm_attach() failed. (Ret=9)"},
-        {"xmllib_init", "1|InitNpRscDll|xmllib_init() failed. (Ret=0x9)"},
-        {"xmllib_load_config", "1|InitNpRscDll|xmllib_load_config() failed. (Ret=0x9)"},
+    const std::vector<std::string> unwind = {"xmllib_unload_config()", "xmllib_unload_policy(nm)",
+                                             "xmllib_unload_policy(disknp)", "xmllib_unload_policy(sdw)",
+                                             "xmllib_term()", "shmcm_detach()", "QmtLogClose()"};
+    struct Step {
+        std::string fail;
+        int result;
+        std::vector<std::string> lines;
     };
-    for (const auto &[fail, message] : steps) {
+    const Step steps[] = {
+        {"cs_gethostname", 4,
+         {"1|InitNpRscDll|cs_gethostname() failed. (Ret=4)", "1|InitNpRscDll|shmcm_detach() failed. (Ret=5)",
+          "1|InitNpRscDll|xmllib_term() failed. (Ret=0x5)"}},
+        {"shmcm_attach", 9, {"1|InitNpRscDll|shmcm_attach() failed. (Ret=9)"}},
+        {"xmllib_init", 9, {"1|InitNpRscDll|xmllib_init() failed. (Ret=0x9)"}},
+        {"xmllib_load_policy", 3,
+         {"1|InitNpRscDll|xmllib_load_policy() failed. (Ret=0x3 type=sdw)",
+          "1|InitNpRscDll|xmllib_unload_config() failed. (Ret=0x5)",
+          "1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=nm)",
+          "1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=disknp)",
+          "1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=sdw)"}},
+        {"xmllib_load_policy(disknp)", 4,
+         {"1|InitNpRscDll|xmllib_load_policy() failed. (Ret=0x4 type=disknp)",
+          "1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=nm)"}},
+        {"xmllib_load_config", 9, {"1|InitNpRscDll|xmllib_load_config() failed. (Ret=0x9)"}},
+    };
+    for (const Step &step : steps) {
+        SCOPED_TRACE(step.fail);
         doubles::clear_calls();
-        doubles::fail(fail, 9);
-        EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u) << fail;
-        EXPECT_TRUE(logged(message)) << fail;
-        EXPECT_EQ(gsdwInitCount, 0u) << fail;
+        doubles::fail(step.fail, step.result);
+        EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
+        for (const std::string &line : step.lines) EXPECT_TRUE(logged(line)) << line;
+        EXPECT_TRUE(logged("4|InitNpRscDll|End - (Ret=1)"));
+        const std::vector<std::string> calls = without_config_reads(doubles::service_calls());
+        const auto at = std::find(calls.begin(), calls.end(), unwind[0]);
+        EXPECT_EQ(std::vector<std::string>(at, calls.end()), unwind);
+        EXPECT_FALSE(doubles::cm_attached() || doubles::log_open() || doubles::xml_initialised() ||
+                     doubles::config_loaded());
+        EXPECT_TRUE(doubles::policies_loaded().empty());
+        EXPECT_EQ(gsdwInitCount, 0u);
+        EXPECT_EQ(gsdwhLog, nullptr);
     }
-}
-
-TEST_F(NpExportsTest, FailedPolicyUnwindsEverythingAndClosesTheLog)
-{
-    doubles::fail("xmllib_load_policy", 3);
-    EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_load_policy() failed. (Ret=0x3 type=sdw)"));
-    EXPECT_EQ(without_config_reads(doubles::service_calls()),
-              (std::vector<std::string>{"QmtLogOpen(sdw|4|10000000|0|Global\\ORVQMT_SDW_LOG)", "cs_gethostname(256|1)",
-                                        "shmcm_attach()", "xmllib_init(sdw)", "xmllib_load_policy(sdw)",
-                                        "xmllib_unload_config()", "xmllib_unload_policy(nm)",
-                                        "xmllib_unload_policy(disknp)", "xmllib_unload_policy(sdw)", "xmllib_term()",
-                                        "shmcm_detach()", "QmtLogClose()"}));
-    // What was never loaded answers 5; each is logged and the unwinding goes on.
-    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_config() failed. (Ret=0x5)"));
-    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=nm)"));
-    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=disknp)"));
-    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=sdw)"));
-    EXPECT_FALSE(doubles::cm_attached());
-    EXPECT_FALSE(doubles::log_open());
-    EXPECT_EQ(gsdwInitCount, 0u);
-    EXPECT_EQ(gsdwhLog, nullptr);
-    EXPECT_TRUE(logged("4|InitNpRscDll|End - (Ret=1)"));
-}
-
-TEST_F(NpExportsTest, FailedDisknpPolicyStillUnloadsAllThreePolicies)
-{
-    doubles::fail("xmllib_load_policy(disknp)", 4);
-    EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_load_policy() failed. (Ret=0x4 type=disknp)"));
-    EXPECT_EQ(without_config_reads(doubles::service_calls()),
-              (std::vector<std::string>{"QmtLogOpen(sdw|4|10000000|0|Global\\ORVQMT_SDW_LOG)", "cs_gethostname(256|1)",
-                                        "shmcm_attach()", "xmllib_init(sdw)", "xmllib_load_policy(sdw)",
-                                        "xmllib_load_policy(disknp)", "xmllib_unload_config()",
-                                        "xmllib_unload_policy(nm)", "xmllib_unload_policy(disknp)",
-                                        "xmllib_unload_policy(sdw)", "xmllib_term()", "shmcm_detach()",
-                                        "QmtLogClose()"}));
-    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=nm)"));
-    EXPECT_FALSE(logged("1|InitNpRscDll|xmllib_unload_policy() failed. (Ret=0x5 Type=sdw)")) << "sdw was loaded and is released";
-    EXPECT_TRUE(doubles::policies_loaded().empty());
-    EXPECT_FALSE(doubles::cm_attached());
-    EXPECT_EQ(gsdwInitCount, 0u);
 }
 
 TEST_F(NpExportsTest, ConfigurationWithoutResourcesFailsTheInitialisation)
@@ -147,52 +126,13 @@ TEST_F(NpExportsTest, ConfigurationWithoutResourcesFailsTheInitialisation)
     EXPECT_EQ(gsdwlpRsc, nullptr);
 }
 
-TEST_F(NpExportsTest, FailedHostNameUnwindsAll)
-{
-    doubles::fail("cs_gethostname", 4);
-    EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("1|InitNpRscDll|cs_gethostname() failed. (Ret=4)"));
-    EXPECT_TRUE(logged("1|InitNpRscDll|shmcm_detach() failed. (Ret=5)"));
-    EXPECT_TRUE(logged("1|InitNpRscDll|xmllib_term() failed. (Ret=0x5)"));
-}
-
-TEST_F(NpExportsTest, ArgumentsAreChecked)
-{
-    init();
-    doubles::clear_calls();
-    EXPECT_EQ(DoNpMontr(nullptr, "np1"), 3u);
-    EXPECT_EQ(DoNpMontr("disknp", nullptr), 3u);
-    EXPECT_EQ(DoNpMontr("disknp", "NP1"), 3u);
-    EXPECT_EQ(NpMontrStatusChange(nullptr, "np1", 0), 3u);
-    EXPECT_EQ(NpMontrStatusChange("disknp", nullptr, 0), 3u);
-    EXPECT_EQ(NpMontrStatusChange("disknp", "np", 0), 3u);
-    EXPECT_EQ(GetCheckPoint(nullptr), 0);
-    EXPECT_EQ(GetCheckPoint("np4"), 0);
-    EXPECT_EQ(doubles::log_lines_upto(2),
-              (std::vector<std::string>{"1|DoNpMontr|Invalid parameter. (Type=0)", "1|DoNpMontr|Invalid parameter. (Name=0)",
-                                        "1|DoNpMontr|Invalid parameter, unregistered. (Name=NP1)",
-                                        "1|NpMontrStatusChange|Invalid parameter. (Type=0)",
-                                        "1|NpMontrStatusChange|Invalid parameter. (Name=0)",
-                                        "1|NpMontrStatusChange|Invalid parameter, unregistered. (Name=np)",
-                                        "1|GetCheckPoint|Invalid parameter. (Name=0)",
-                                        "1|GetCheckPoint|Invalid parameter, unregistered. (Name=np4)"}));
-    EXPECT_EQ(NpMontrStatusChange("disknp", "np1", 2), 3u);
-    EXPECT_TRUE(logged("1|NpMontrStatusChange|Invalid control code. (Type=disknp Name=np1 Ctrl=0x2)"));
-}
-
 TEST_F(NpExportsTest, StatusOfAStoppedResourceIs99WithoutReadingTheConfiguration)
 {
     init();
     doubles::clear_calls();
     EXPECT_EQ(DoNpMontr("disknp", "np2"), 99u);
     EXPECT_EQ(gsdwlpRsc[1].result, 99);
-    EXPECT_TRUE(logged("1|DoNpMontr|Not monitoring. (Hdl=0 Tid=0)"));
-    EXPECT_TRUE(logged("8|DoNpMontr|Status of np2 is 99[0])"));
     EXPECT_TRUE(doubles::service_calls().empty());
-    // A record without a worker has no lock: the accessors log that and still work.
-    EXPECT_FALSE(lines_with("SdwMutexLock() failed. (Ret=99)").empty());
-    EXPECT_EQ(GetCheckPoint("np2"), 0);
-    EXPECT_TRUE(logged("8|GetCheckPoint|Check Point->0)"));
 }
 
 TEST_F(NpExportsTest, StatusRereadsTheSettingsAndTheRatio)

@@ -2,7 +2,6 @@
 
 #include "qmtrsrc.h"
 
-#include <cstdio>
 #include <cstdlib>
 
 // The banner reads the executable's own version resource.
@@ -36,60 +35,13 @@ std::vector<std::string> events()
     std::vector<std::string> out;
     for (const doubles::Call &c : doubles::calls()) {
         if (c.function == "QmtLogWrite" && c.level == QMTLOG_EVENT) {
-            char id[16];
-            std::snprintf(id, sizeof id, "%#x", static_cast<unsigned>(c.event));
-            out.push_back(std::string(id) + "|" + c.text);
+            out.push_back(doubles::hexnum(c.event) + "|" + c.text);
         }
     }
     return out;
 }
 
-void PluginTest::SetUp()
-{
-    doubles::reset();
-    qmtp::sim::reset();
-    qmtp_fault_clear();
-    qmtp_tick_thaw();
-    qmtp_tick_set_offset(0);
-    handles_at_start_ = qmtp_live_handles();
-    allocations_at_start_ = qmtp_live_allocations();
-}
-
-void PluginTest::TearDown()
-{
-    qmtp_fault_clear();
-    qmtp_tick_thaw();
-    if (gsdwInitCount != 0) {
-        uninit();
-    }
-    EXPECT_EQ(gsdwlpRsc, nullptr);
-    EXPECT_EQ(qmtp_live_handles(), handles_at_start_) << "a handle leaked";
-    EXPECT_EQ(qmtp_live_allocations(), allocations_at_start_) << "an allocation leaked";
-}
-
-void PluginTest::init() { ASSERT_EQ(InitRscDll("qmtsdw", 0, 0), 0u); }
-
-void PluginTest::uninit() { EXPECT_EQ(UninitRscDll("qmtsdw", 0, 0), 0u); }
-
 }  // namespace sdwtest
-
-namespace {
-
-// The trace log keeps one suppression entry per resource name for the life of the process. They
-// are made here, once, for every name the tests use, so that the leak check of each test sees
-// only what that test allocated.
-class WarmLogEntries : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        for (const char *name : {"", "sdw1", "sdw2", "sdw3", "r1", "r2", "disk-a",
-                                 "abcdefghijklmnopqrstuvwxyz01234"}) {
-            SdwWriteLog(name[0] != '\0' ? name : nullptr, QMTLOG_ERROR, __FILE__, __LINE__, "warm", "warm-up");
-        }
-    }
-};
-
-}  // namespace
 
 int main(int argc, char **argv)
 {
@@ -97,7 +49,5 @@ int main(int argc, char **argv)
     // The platform picks its storage at first use, from its own environment.
     setenv("QMT_STORAGE", "linux", 1);
 #endif
-    ::testing::InitGoogleTest(&argc, argv);
-    ::testing::AddGlobalTestEnvironment(new WarmLogEntries);
-    return RUN_ALL_TESTS();
+    return doubles::run_tests(argc, argv, {"sdw1", "sdw2", "sdw3", "r1", "r2", "disk-a", "abcdefghijklmnopqrstuvwxyz01234"});
 }

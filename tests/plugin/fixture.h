@@ -1,12 +1,7 @@
-// fixture.h - common ground of the plug-in tests: a clean world per test (doubles, sim storage,
-// faults, ticks), a configuration writer, and the leak check.
+// fixture.h - the sdw tests: a configuration writer and the service's start and end.
 #pragma once
 
-#include "doubles.h"
-#include "qmtplat.h"
-#include "sdw.h"
-
-#include <gtest/gtest.h>
+#include "world.h"
 
 #include <string>
 #include <vector>
@@ -26,6 +21,7 @@ struct Resource {
 void configure(const std::vector<Resource> &resources, int delay_ratio = 80, int log_level = 4,
                int log_size = 10000000);
 
+using doubles::lines_like;
 using doubles::lines_with;
 using doubles::logged;
 // Log lines "LEVEL|FUNCTION|text" written at or below `level`.
@@ -33,16 +29,15 @@ inline std::vector<std::string> lines_upto(int level) { return doubles::log_line
 // Events written: "ID|text" with the ID in hex ("0xc0000e44|sdw1").
 std::vector<std::string> events();
 
-class PluginTest : public ::testing::Test {
+class PluginTest : public doubles::WorldTest {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void end_service() override
+    {
+        if (gsdwInitCount != 0) uninit();
+    }
     // Initialises the sdw service on the current configuration; asserts success.
-    void init();
-    void uninit();
-
-    long handles_at_start_ = 0;
-    long allocations_at_start_ = 0;
+    void init() { ASSERT_EQ(InitRscDll("qmtsdw", 0, 0), 0u); }
+    void uninit() { EXPECT_EQ(UninitRscDll("qmtsdw", 0, 0), 0u); }
 };
 
 }  // namespace sdwtest

@@ -40,47 +40,38 @@ TEST_F(ConfigTest, BuildsOneRecordPerResourceInEnumerationOrder)
     EXPECT_EQ(gsdwDelayRatio, 55u);
 }
 
-TEST_F(ConfigTest, NoResourcesIsUnregistered)
+// The limits themselves are kept; a value outside is replaced by its default with a warning (a
+// negative ratio is above 100 as unsigned).
+TEST_F(ConfigTest, ValuesOutsideTheirRangeAreReplacedWithAWarning)
 {
-    configure({});
-    EXPECT_EQ(SdwGetConfig(), 99);
-    EXPECT_TRUE(logged("2|SdwGetConfig|Unregistered monitor. (Size=0)"));
-    EXPECT_EQ(gsdwlpRsc, nullptr);
-}
-
-TEST_F(ConfigTest, OutOfRangeValuesAreReplacedWithAWarning)
-{
-    configure({{"sdw1", 0}, {"sdw2", -5}}, 101, 4, 999999);
-    ASSERT_EQ(SdwGetConfig(), 0);
-    EXPECT_EQ(gsdwlpRsc[0].timeout, 300);
-    EXPECT_EQ(gsdwlpRsc[1].timeout, 300);
-    EXPECT_EQ(gsdwDelayRatio, 80u);
-    EXPECT_EQ(gsdwPolicyLogSize, 10000000);
-    EXPECT_TRUE(logged("2|SdwGetConfig|Invalid range of polling timeout, set default. (0->300)"));
-    EXPECT_TRUE(logged("2|SdwGetConfig|Invalid range of polling timeout, set default. (-5->300)"));
-    EXPECT_TRUE(logged("2|SdwGetConfig|Invalid range of delay ratio, set default. (101->80)"));
-    EXPECT_TRUE(logged("2|SdwGetPolicy|Invalid range of log size, set default. (999999->10000000)"));
-}
-
-TEST_F(ConfigTest, RangeLimitsThemselvesAreKept)
-{
-    for (int ratio : {0, 100}) {
-        for (int size : {1000000, 100000000}) {
-            doubles::reset();
-            configure({{"sdw1", 1}}, ratio, 4, size);
-            ASSERT_EQ(SdwGetConfig(), 0);
-            EXPECT_EQ(gsdwDelayRatio, static_cast<uint32_t>(ratio));
-            EXPECT_EQ(gsdwPolicyLogSize, size);
-            EXPECT_EQ(gsdwlpRsc[0].timeout, 1);
-            EXPECT_TRUE(lines_with("Invalid range").empty());
-            SdwFreeTable();
-        }
+    struct Case {
+        int timeout, ratio, size;
+        int want_timeout, want_ratio, want_size;
+        std::vector<std::string> warnings;
+    };
+    const Case cases[] = {
+        {1, 0, 1000000, 1, 0, 1000000, {}},
+        {1, 100, 100000000, 1, 100, 100000000, {}},
+        {0, 101, 999999, 300, 80, 10000000,
+         {"2|SdwGetPolicy|Invalid range of log size, set default. (999999->10000000)",
+          "2|SdwGetConfig|Invalid range of delay ratio, set default. (101->80)",
+          "2|SdwGetConfig|Invalid range of polling timeout, set default. (0->300)"}},
+        {-5, -1, 100000001, 300, 80, 10000000,
+         {"2|SdwGetPolicy|Invalid range of log size, set default. (100000001->10000000)",
+          "2|SdwGetConfig|Invalid range of delay ratio, set default. (-1->80)",
+          "2|SdwGetConfig|Invalid range of polling timeout, set default. (-5->300)"}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.timeout);
+        doubles::reset();
+        configure({{"sdw1", c.timeout}}, c.ratio, 4, c.size);
+        ASSERT_EQ(SdwGetConfig(), 0);
+        EXPECT_EQ(gsdwlpRsc[0].timeout, c.want_timeout);
+        EXPECT_EQ(gsdwDelayRatio, static_cast<uint32_t>(c.want_ratio));
+        EXPECT_EQ(gsdwPolicyLogSize, c.want_size);
+        EXPECT_EQ(lines_upto(QMTLOG_WARNING), c.warnings);
+        SdwFreeTable();
     }
-    doubles::reset();
-    configure({{"sdw1", 1}}, -1, 4, 100000001);
-    ASSERT_EQ(SdwGetConfig(), 0);
-    EXPECT_EQ(gsdwDelayRatio, 80u) << "a negative ratio is above 100 as unsigned";
-    EXPECT_EQ(gsdwPolicyLogSize, 10000000);
 }
 
 TEST_F(ConfigTest, LongNamesAreCutTo31AndTheirKeysReadUnderTheFullName)
@@ -94,22 +85,38 @@ TEST_F(ConfigTest, LongNamesAreCutTo31AndTheirKeysReadUnderTheFullName)
     EXPECT_EQ(SdwFindRsc("abcdefghijklmnopqrstuvwxyz01234"), &gsdwlpRsc[0]);
 }
 
-TEST_F(ConfigTest, AnEmptyObjectFailsTheWholeBuild)
+// A build that fails leaves no table and says why, in one exact line.
+TEST_F(ConfigTest, EveryFailedBuildNamesItsCauseAndLeavesNoTable)
 {
-    configure({{"sdw1"}, {"sdw2", 60, ""}, {"sdw3"}});
-    EXPECT_EQ(SdwGetConfig(), 99);
-    EXPECT_TRUE(logged("1|SdwGetConfig|No object. (Val=)"));
-    EXPECT_EQ(gsdwlpRsc, nullptr);
-    EXPECT_EQ(gsdwRscCount, 0u);
-}
-
-TEST_F(ConfigTest, AnUnreadableTimeoutFailsTheBuildWithTheKeyAndSize)
-{
-    configure({{"sdw1"}});
-    doubles::fail_key("/root/monitor/sdw@sdw1/polling/timeout", 2);
-    EXPECT_EQ(SdwGetConfig(), 99);
-    EXPECT_TRUE(logged("1|SdwGetConfig|xmllib_get_value() failed. (Ret=0x2 key=/root/monitor/sdw@sdw1/polling/timeout Size=4)"));
-    EXPECT_EQ(gsdwlpRsc, nullptr);
+    struct Case {
+        std::vector<Resource> resources;
+        const char *failing_key, *failing_call;
+        int result;
+        const char *line;
+    };
+    const Case cases[] = {
+        {{}, nullptr, nullptr, 0, "2|SdwGetConfig|Unregistered monitor. (Size=0)"},
+        {{{"sdw1"}, {"sdw2", 60, ""}, {"sdw3"}}, nullptr, nullptr, 0, "1|SdwGetConfig|No object. (Val=)"},
+        {{{"sdw1"}}, "/root/monitor/sdw@sdw1/polling/timeout", nullptr, 2,
+         "1|SdwGetConfig|xmllib_get_value() failed. (Ret=0x2 key=/root/monitor/sdw@sdw1/polling/timeout Size=4)"},
+        {{{"sdw1"}}, nullptr, "xmllib_enum_value", 9,
+         "1|SdwGetConfig|xmllib_enum_value() failed. (Ret=0x9 key=/root/monitor/sdw)"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.line);
+        doubles::reset();
+        configure(c.resources);
+        if (c.failing_key) doubles::fail_key(c.failing_key, c.result);
+        if (c.failing_call) doubles::fail(c.failing_call, c.result);
+        EXPECT_EQ(SdwGetConfig(), 99);
+        EXPECT_TRUE(logged(c.line));
+        EXPECT_EQ(gsdwlpRsc, nullptr);
+        EXPECT_EQ(gsdwRscCount, 0u);
+    }
+    // The counting call's results 3 and 4 count as success.
+    doubles::fail("xmllib_enum_value", 3);
+    EXPECT_EQ(SdwGetConfig(), 0);
+    EXPECT_EQ(gsdwRscCount, 1u);
 }
 
 TEST_F(ConfigTest, AnUnreadableVolumeGuidIsLoggedAndTheBuildGoesOn)
@@ -147,20 +154,7 @@ TEST_F(ConfigTest, ASecondBuildRefreshesPolicyAndKeepsTheTable)
     EXPECT_EQ(gsdwlpRsc, table);
     EXPECT_EQ(gsdwRscCount, 1u);
     EXPECT_EQ(gsdwDelayRatio, 60u);
-    char line[96];
-    std::snprintf(line, sizeof line, "2|SdwGetConfig|resource has already created. (Rsc=%#x)", SDW_HDL(table));
-    EXPECT_TRUE(logged(line));
-}
-
-TEST_F(ConfigTest, EnumerationResultsZeroThreeAndFourCountAsSuccess)
-{
-    configure({{"sdw1"}});
-    doubles::fail("xmllib_enum_value", 9);
-    EXPECT_EQ(SdwGetConfig(), 99);
-    EXPECT_TRUE(logged("1|SdwGetConfig|xmllib_enum_value() failed. (Ret=0x9 key=/root/monitor/sdw)"));
-    doubles::fail("xmllib_enum_value", 3);  // 3 and 4 count as success for the size query
-    EXPECT_EQ(SdwGetConfig(), 0);
-    EXPECT_EQ(gsdwRscCount, 1u);
+    EXPECT_TRUE(logged("2|SdwGetConfig|resource has already created. (Rsc=" + doubles::hex(table) + ")"));
 }
 
 TEST_F(ConfigTest, ReloadRereadsTheTimeoutUnderTheCutName)

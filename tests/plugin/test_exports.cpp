@@ -163,14 +163,6 @@ TEST_F(ExportsTest, ARecordLockThatCannotBeCreatedGives99AndUnwinds)
     init();
 }
 
-TEST_F(ExportsTest, NoSdwResourcesMakesInitFail)
-{
-    configure({});
-    EXPECT_EQ(InitRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("2|SdwGetConfig|Unregistered monitor. (Size=0)"));
-    EXPECT_TRUE(logged("1|InitRscDll|SdwGetConfig() failed. (Ret=99)"));
-}
-
 TEST_F(ExportsTest, PolicyLogSettingsAreAdoptedOnlyOverTheDefaults)
 {
     configure({{"sdw1"}}, 80, 8, 20000000);

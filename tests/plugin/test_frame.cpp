@@ -2,7 +2,6 @@
 #include "fixture.h"
 
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 #include <thread>
 
@@ -86,8 +85,7 @@ TEST_F(FrameTest, AccessorsReadAndWriteTheirFieldsUnderTheRecordLock)
     EXPECT_EQ(SdwGetIsDoMontr(&table_[1]), 0);
     // Every accessor logs its entry and exit around the record lock's own entry and exit.
     auto framed = [](const char *function, const std::string &start, const std::string &end, SDW_RSC &r) {
-        char hdl[16];
-        std::snprintf(hdl, sizeof hdl, "%x", SDW_HDL(r.mutex));
+        const std::string hdl = doubles::hex(r.mutex).substr(2);
         const std::string fn = std::string("32|") + function + "|";
         return std::vector<std::string>{fn + start,
                                         std::string("32|SdwMutexLock|Start - (Hdl=") + hdl + " Timeout=10000)",
@@ -125,9 +123,7 @@ TEST_F(FrameTest, LockWithATimeOutOfZeroDoesNotWait)
     EXPECT_EQ(other.load(), SDW_ERR_LOCK) << "a time-out of 0 waited for the lock";
     EXPECT_EQ(SdwMutexUnlock(m), 0);
     t.join();
-    char line[96];
-    std::snprintf(line, sizeof line, "1|SdwMutexLock|WaitForSingleObject() timeout. (Hdl=%#x Timeout=0)", SDW_HDL(m));
-    EXPECT_TRUE(logged(line));
+    EXPECT_TRUE(logged("1|SdwMutexLock|WaitForSingleObject() timeout. (Hdl=" + doubles::hex(m) + " Timeout=0)"));
     CloseHandle(m);
 }
 
@@ -146,25 +142,24 @@ TEST_F(FrameTest, TickIsNeverZeroAcrossTheWrap)
     }
 }
 
-TEST_F(FrameTest, ConcurrentAccessorsOnOneRecordKeepEveryValueWhole)
+// Accessors of one record from several threads: under ThreadSanitizer an access outside the
+// record lock is a reported race; everywhere, no lock call may fail.
+TEST_F(FrameTest, ConcurrentAccessorsOnOneRecord)
 {
     table_[0].mutex = CreateMutexA(nullptr, FALSE, nullptr);
-    std::atomic<bool> bad{false};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++) {
-        threads.emplace_back([&, t] {
+        threads.emplace_back([t, this] {
             for (int i = 0; i < 300; i++) {
-                SdwSetResult(&table_[0], (t + 1) * 0x01010101);
-                int32_t v = SdwGetResult(&table_[0]);
-                if (v % 0x01010101 != 0) bad = true;
+                SdwSetResult(&table_[0], t);
+                SdwGetResult(&table_[0]);
                 SdwSetMonTick(&table_[0], static_cast<uint32_t>(i));
                 SdwGetMonTick(&table_[0]);
             }
         });
     }
     for (auto &th : threads) th.join();
-    EXPECT_FALSE(bad);
-    EXPECT_TRUE(lines_with("failed").empty());
+    EXPECT_TRUE(lines_like("1|*").empty());
     CloseHandle(table_[0].mutex);
 }
 

@@ -15,14 +15,16 @@ protected:
     void SetUp() override
     {
         PluginTest::SetUp();
-        qmtp_tick_freeze(1000000);
-        // Every resource's entry starts from a message of its own, new in each test, so nothing
-        // of an earlier test is pending.
+        fresh();
+    }
+    // Every resource's entry starts from a message of its own, new each time, so nothing of an
+    // earlier test or case is pending.
+    static void fresh()
+    {
         static int generation = 0;
         generation++;
-        for (const char *name : {"r1", "r2"}) {
-            SdwWriteLog(name, QMTLOG_ERROR, kFile, 1, "reset", "reset %s %d", name, generation);
-        }
+        qmtp_tick_freeze(1000000);
+        for (const char *name : {"r1", "r2"}) SdwWriteLog(name, QMTLOG_ERROR, kFile, 1, "reset", "reset %s %d", name, generation);
         SdwWriteLog(nullptr, QMTLOG_ERROR, kFile, 1, "reset", "reset %d", generation);
         doubles::clear_calls();
     }
@@ -50,56 +52,61 @@ TEST_F(TraceLogTest, FiveRepeatsThenADifferentMessageGiveOneSummary)
     EXPECT_EQ(doubles::calls().back().file, kFile);
 }
 
-TEST_F(TraceLogTest, MessagesWithoutResourceAreFoldedWithTheirOwnSummary)
+// What reaches the log for a sequence of messages: each message is written `times` times at tick
+// `tick` (0: where the clock stands).
+TEST_F(TraceLogTest, RepeatsAreFoldedPerResourceWithinTheWindow)
 {
-    for (int i = 0; i < 5; i++) say(nullptr, "tick");
-    say(nullptr, "tock");
-    const std::vector<std::string> expected = {"2|SdwMonitor|tick", "2|SdwMonitor|Last message repeated 4 times.", "2|SdwMonitor|tock"};
-    EXPECT_EQ(doubles::log_lines(), expected);
-}
-
-TEST_F(TraceLogTest, ASingleRepeatIsShownAgainBeforeTheNextMessage)
-{
-    say("r1", "late");
-    qmtp_tick_freeze(1010000);
-    say("r1", "late");
-    say("r1", "other");
-    const std::vector<std::string> expected = {"2|SdwMonitor|late", "2|SdwMonitor|late", "2|SdwMonitor|other"};
-    EXPECT_EQ(doubles::log_lines(), expected);
-}
-
-TEST_F(TraceLogTest, TheWindowIsMeasuredAcrossTheTickWrap)
-{
-    qmtp_tick_freeze(0xFFFFFF00u);
-    say("r1", "late");
-    qmtp_tick_freeze(0xFFFFFF00u + 600000u);  // wrapped past zero
-    say("r1", "late");
-    EXPECT_EQ(doubles::log_lines().size(), 1u);
-    qmtp_tick_freeze(0xFFFFFF00u + 600001u);
-    say("r1", "late");
-    say("r1", "other");  // the flush left no repeat pending
-    const std::vector<std::string> expected = {"2|SdwMonitor|late", "2|SdwMonitor|Last message of r1 repeated 2 times.",
-                                               "2|SdwMonitor|other"};
-    EXPECT_EQ(doubles::log_lines(), expected);
-}
-
-TEST_F(TraceLogTest, SameTextFromAnotherLineFunctionOrLevelIsNotARepeat)
-{
-    say("r1", "x", 10);
-    say("r1", "x", 11);
-    say("r1", "x", 11, QMTLOG_ERROR);
-    say("r1", "x", 11, QMTLOG_ERROR, "SdwGetLUN");
-    EXPECT_EQ(doubles::log_lines().size(), 4u);
-}
-
-TEST_F(TraceLogTest, TextIsCutAfter127CharactersAndSoAreRepeats)
-{
-    const std::string base(127, 'a');
-    say("r1", (base + "X").c_str());
-    say("r1", (base + "Y").c_str());
-    const std::vector<std::string> lines = doubles::log_lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], "2|SdwMonitor|" + base);
+    struct Say {
+        const char *rsc;
+        std::string text;
+        int times = 1;
+        DWORD tick = 0;
+        int line = 10, level = QMTLOG_WARNING;
+        const char *function = "SdwMonitor";
+    };
+    struct Case {
+        const char *what;
+        std::vector<Say> says;
+        std::vector<std::string> lines;
+    };
+    const std::string a127(127, 'a');
+    const Case cases[] = {
+        {"messages without resource have their own summary",
+         {{nullptr, "tick", 5}, {nullptr, "tock"}},
+         {"2|SdwMonitor|tick", "2|SdwMonitor|Last message repeated 4 times.", "2|SdwMonitor|tock"}},
+        {"a single repeat is shown again",
+         {{"r1", "late"}, {"r1", "late", 1, 1010000}, {"r1", "other"}},
+         {"2|SdwMonitor|late", "2|SdwMonitor|late", "2|SdwMonitor|other"}},
+        {"the window is measured across the tick wrap",
+         {{"r1", "late", 1, 0xFFFFFF00u}, {"r1", "late", 1, 0xFFFFFF00u + 600000u},
+          {"r1", "late", 1, 0xFFFFFF00u + 600001u}, {"r1", "other"}},
+         {"2|SdwMonitor|late", "2|SdwMonitor|Last message of r1 repeated 2 times.", "2|SdwMonitor|other"}},
+        {"another line, level or function is not a repeat",
+         {{"r1", "x"}, {"r1", "x", 1, 0, 11}, {"r1", "x", 1, 0, 11, QMTLOG_ERROR},
+          {"r1", "x", 1, 0, 11, QMTLOG_ERROR, "SdwGetLUN"}},
+         {"2|SdwMonitor|x", "2|SdwMonitor|x", "1|SdwMonitor|x", "1|SdwGetLUN|x"}},
+        {"the text is cut after 127 characters, and so are repeats",
+         {{"r1", a127 + "X"}, {"r1", a127 + "Y"}},
+         {"2|SdwMonitor|" + a127}},
+        {"resources fold independently",
+         {{"r1", "late"}, {"r2", "late"}, {"r1", "late"}, {"r2", "late", 2}, {"r1", "ok"}, {"r2", "ok"}},
+         {"2|SdwMonitor|late", "2|SdwMonitor|late", "2|SdwMonitor|late", "2|SdwMonitor|ok",
+          "2|SdwMonitor|Last message of r2 repeated 2 times.", "2|SdwMonitor|ok"}},
+        // The library filters by level; the trace neither flushes nor replaces the entry.
+        {"a trace above the level is written and leaves the entry alone",
+         {{"r1", "late", 3}, {"r1", "I/O start", 1, 0, 20, QMTLOG_TRACE}, {"r1", "late"}, {"r1", "done"}},
+         {"2|SdwMonitor|late", "8|SdwMonitor|I/O start", "2|SdwMonitor|Last message of r1 repeated 3 times.",
+          "2|SdwMonitor|done"}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        fresh();
+        for (const Say &m : c.says) {
+            if (m.tick != 0) qmtp_tick_freeze(m.tick);
+            for (int i = 0; i < m.times; i++) say(m.rsc, m.text.c_str(), m.line, m.level, m.function);
+        }
+        EXPECT_EQ(doubles::log_lines(), c.lines);
+    }
 }
 
 TEST_F(TraceLogTest, PercentSignsAreWrittenExactlyAsFormatted)
@@ -107,34 +114,6 @@ TEST_F(TraceLogTest, PercentSignsAreWrittenExactlyAsFormatted)
     SdwWriteLog("r1", QMTLOG_ERROR, kFile, 5, "f", "ratio %d%% of %s", 80, "50%s");
     EXPECT_EQ(doubles::log_lines().back(), "1|f|ratio 80% of 50%s");
     EXPECT_EQ(doubles::calls().back().text, "ratio 80% of 50%s");
-}
-
-TEST_F(TraceLogTest, TraceAboveTheCurrentLevelNeitherFlushesNorChangesTheEntry)
-{
-    say("r1", "late");
-    say("r1", "late");
-    say("r1", "late");  // two pending repeats
-    SdwWriteLog("r1", QMTLOG_TRACE, kFile, 20, "SdwMonitor", "%s", "I/O start");
-    EXPECT_EQ(doubles::log_lines().back(), "8|SdwMonitor|I/O start") << "written: the library filters by level";
-    say("r1", "late");  // still a repeat of the stored entry
-    say("r1", "done");
-    const std::vector<std::string> expected = {"2|SdwMonitor|late", "8|SdwMonitor|I/O start", "2|SdwMonitor|Last message of r1 repeated 3 times.",
-                                               "2|SdwMonitor|done"};
-    EXPECT_EQ(doubles::log_lines(), expected);
-}
-
-TEST_F(TraceLogTest, ResourcesFoldIndependently)
-{
-    say("r1", "late");
-    say("r2", "late");
-    say("r1", "late");
-    say("r2", "late");
-    say("r2", "late");
-    say("r1", "ok");
-    say("r2", "ok");
-    const std::vector<std::string> expected = {"2|SdwMonitor|late", "2|SdwMonitor|late", "2|SdwMonitor|late", "2|SdwMonitor|ok",
-                                               "2|SdwMonitor|Last message of r2 repeated 2 times.", "2|SdwMonitor|ok"};
-    EXPECT_EQ(doubles::log_lines(), expected);
 }
 
 TEST_F(TraceLogTest, AStuckLogLockMakesTheCallerWriteUnfoldedAfterItsWait)
