@@ -1,5 +1,5 @@
 // Shared by the platform tests: a fixture that fails a test which leaves a handle or a heap block
-// behind, and a thread helper over _beginthreadex.
+// behind, thread helpers over _beginthreadex, and a table runner for calls that must fail.
 #pragma once
 
 #include "qmtplat.h"
@@ -8,7 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
+#include <vector>
 
 class PlatformTest : public ::testing::Test {
 protected:
@@ -51,9 +53,34 @@ inline void JoinThread(HANDLE thread) {
     EXPECT_TRUE(CloseHandle(thread));
 }
 
+// Runs fn(0) .. fn(n - 1) on n threads at once and joins them all.
+inline void RunThreads(int n, const std::function<void(int)> &fn) {
+    std::vector<HANDLE> ts;
+    for (int i = 0; i < n; ++i)
+        ts.push_back(StartThread([&fn, i] { fn(i); }));
+    for (HANDLE t : ts)
+        JoinThread(t);
+}
+
 // A relative due time of `ms` milliseconds for SetWaitableTimer.
 inline LARGE_INTEGER DueIn(LONGLONG ms) {
     LARGE_INTEGER due;
     due.QuadPart = -ms * 10000;
     return due;
+}
+
+// A call that must fail: `fails` makes it and says whether it returned its failure value.
+struct Failing {
+    const char *what;
+    std::function<bool()> fails;
+    DWORD error; // the exact last error it leaves
+};
+
+inline void ExpectEachFails(std::initializer_list<Failing> calls) {
+    for (const Failing &c : calls) {
+        SCOPED_TRACE(c.what);
+        SetLastError(0);
+        EXPECT_TRUE(c.fails());
+        EXPECT_EQ(GetLastError(), c.error);
+    }
 }

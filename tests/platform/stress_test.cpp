@@ -17,21 +17,17 @@ TEST_F(StressTest, MutexSerialisesPlainCounterUpdates) {
     HANDLE m = CreateMutexA(nullptr, FALSE, nullptr);
     long counter = 0; // deliberately not atomic: only the mutex protects it
     std::atomic<int> failures{0};
-    std::vector<HANDLE> ts;
-    for (int t = 0; t < kThreads; ++t)
-        ts.push_back(StartThread([&] {
-            for (int i = 0; i < kRounds; ++i) {
-                if (WaitForSingleObject(m, kBound) != WAIT_OBJECT_0) {
-                    ++failures;
-                    return;
-                }
-                ++counter;
-                if (!ReleaseMutex(m))
-                    ++failures;
+    RunThreads(kThreads, [&](int) {
+        for (int i = 0; i < kRounds; ++i) {
+            if (WaitForSingleObject(m, kBound) != WAIT_OBJECT_0) {
+                ++failures;
+                return;
             }
-        }));
-    for (HANDLE t : ts)
-        JoinThread(t);
+            ++counter;
+            if (!ReleaseMutex(m))
+                ++failures;
+        }
+    });
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
     EXPECT_TRUE(CloseHandle(m));
@@ -44,21 +40,17 @@ TEST_F(StressTest, TokenPassesRoundARingOfAutoResetEvents) {
         ev.push_back(CreateEventA(nullptr, FALSE, FALSE, nullptr));
     std::vector<int> passes(kThreads, 0);
     std::atomic<int> failures{0};
-    std::vector<HANDLE> ts;
-    for (int t = 0; t < kThreads; ++t)
-        ts.push_back(StartThread([&, t] {
-            for (int lap = 0; lap < kLaps; ++lap) {
-                if (WaitForSingleObject(ev[t], kBound) != WAIT_OBJECT_0) {
-                    ++failures;
-                    return;
-                }
-                ++passes[t];
-                SetEvent(ev[(t + 1) % kThreads]);
-            }
-        }));
     SetEvent(ev[0]);
-    for (HANDLE t : ts)
-        JoinThread(t);
+    RunThreads(kThreads, [&](int t) {
+        for (int lap = 0; lap < kLaps; ++lap) {
+            if (WaitForSingleObject(ev[t], kBound) != WAIT_OBJECT_0) {
+                ++failures;
+                return;
+            }
+            ++passes[t];
+            SetEvent(ev[(t + 1) % kThreads]);
+        }
+    });
     EXPECT_EQ(failures.load(), 0);
     for (int t = 0; t < kThreads; ++t)
         EXPECT_EQ(passes[t], kLaps) << "thread " << t;
@@ -76,12 +68,12 @@ TEST_F(StressTest, ProducersAndConsumersMeetOverWaitAnyAndWaitAll) {
     HANDLE stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     long produced = 0, consumed = 0;
     std::atomic<int> failures{0};
-    std::vector<HANDLE> ts;
-    for (int t = 0; t < kThreads / 2; ++t) {
-        ts.push_back(StartThread([&] {
-            // Producer: takes the free slot and the mutex together.
-            const HANDLE both[] = {space, m};
-            for (;;) {
+    // Even threads produce, taking the free slot and the mutex together; odd ones consume an item
+    // or stop, whichever comes first.
+    RunThreads(kThreads, [&](int t) {
+        const HANDLE both[] = {space, m}, either[] = {stop, item};
+        for (;;) {
+            if (t % 2 == 0) {
                 if (WaitForMultipleObjects(2, both, TRUE, kBound) != WAIT_OBJECT_0) {
                     ++failures;
                     return;
@@ -93,12 +85,7 @@ TEST_F(StressTest, ProducersAndConsumersMeetOverWaitAnyAndWaitAll) {
                 SetEvent(done ? space : item);
                 if (done)
                     return;
-            }
-        }));
-        ts.push_back(StartThread([&] {
-            // Consumer: an item or the stop signal, whichever comes first.
-            const HANDLE either[] = {stop, item};
-            for (;;) {
+            } else {
                 const DWORD r = WaitForMultipleObjects(2, either, FALSE, kBound);
                 if (r == WAIT_OBJECT_0)
                     return;
@@ -113,10 +100,8 @@ TEST_F(StressTest, ProducersAndConsumersMeetOverWaitAnyAndWaitAll) {
                 if (last)
                     SetEvent(stop);
             }
-        }));
-    }
-    for (HANDLE t : ts)
-        JoinThread(t);
+        }
+    });
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(produced, kItems);
     EXPECT_EQ(consumed, kItems);
@@ -127,18 +112,12 @@ TEST_F(StressTest, ProducersAndConsumersMeetOverWaitAnyAndWaitAll) {
 TEST_F(StressTest, FaultCountersCountEveryCallFromEveryThread) {
     constexpr int kCalls = 1000;
     HANDLE e = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    qmtp_fault_clear();
     qmtp_fault_set("SetEvent", kThreads * kCalls, ERROR_GEN_FAILURE);
     std::atomic<int> failed{0};
-    std::vector<HANDLE> ts;
-    for (int t = 0; t < kThreads; ++t)
-        ts.push_back(StartThread([&] {
-            for (int i = 0; i < kCalls; ++i)
-                if (!SetEvent(e))
-                    ++failed;
-        }));
-    for (HANDLE t : ts)
-        JoinThread(t);
+    RunThreads(kThreads, [&](int) {
+        for (int i = 0; i < kCalls; ++i)
+            failed += !SetEvent(e);
+    });
     EXPECT_EQ(qmtp_call_count("SetEvent"), static_cast<unsigned>(kThreads * kCalls));
     EXPECT_EQ(failed.load(), 1);
     EXPECT_TRUE(CloseHandle(e));

@@ -49,7 +49,8 @@ bool wait_until(const std::function<bool()> &done) {
 using PendingProbe = SimTest;
 
 // A probe of a disk that answers late goes pending, and completes with the disk's answer: seen
-// through the event and a result that does not wait, or through a result that waits for it.
+// through the event and a result that does not wait, or through a result that waits for it. A
+// synchronous probe gets the same answer once it is given.
 TEST_F(PendingProbe, CompletesLaterWithTheDisksAnswer) {
     struct Case {
         const char *disk;  // the description line of disk 1
@@ -79,183 +80,123 @@ TEST_F(PendingProbe, CompletesLaterWithTheDisksAnswer) {
         EXPECT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
         EXPECT_EQ(sim::pending_count(1), 0u);
         EXPECT_EQ(sim::probe_count(1), 1u);
+        // Cancelling now leaves the completed probe as it was.
+        EXPECT_TRUE(CancelIo(d));
+        EXPECT_EQ(GetOverlappedResult(d, p.ov, &bytes, FALSE) != FALSE, c.error == 0);
+        EXPECT_TRUE(CloseHandle(d));
+        // A synchronous probe of the same disk returns only with the answer.
+        d = open_disk(1, 0);
+        SetLastError(0);
+        EXPECT_EQ(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr) != FALSE,
+                  c.error == 0);
+        EXPECT_EQ(GetLastError(), c.error);
+        EXPECT_EQ(sim::pending_count(1), 0u);
         EXPECT_TRUE(CloseHandle(d));
     }
 }
 
-TEST_F(PendingProbe, IssuingResetsTheEventAndMarksPending) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    SetEvent(p.ev);
-    EXPECT_FALSE(p.issue(d));
-    EXPECT_EQ(WaitForSingleObject(p.ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
-    EXPECT_EQ(p.ov->Internal, 0x103u);
-    sim::release(4);
-    EXPECT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(PendingProbe, NoWaitOnAPendingProbeIsIncomplete) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    DWORD bytes = 0;
-    SetLastError(0);
-    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_INCOMPLETE));
-    sim::release(4);
-    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, TRUE));
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(PendingProbe, HangEndsOnRelease) {
+// A probe of a hung disk resets its event and stays pending, its block not reusable meanwhile,
+// until the disk is released: then every pending probe completes with the release's answer.
+TEST_F(PendingProbe, HangStaysPendingUntilReleased) {
     load("disk 4 hang\n");
     HANDLE d = open_disk(4);
     Probe a, b;
+    SetEvent(a.ev);
     EXPECT_FALSE(a.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    EXPECT_EQ(WaitForSingleObject(a.ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(a.ov->Internal, 0x103u);
+    DWORD bytes = 0;
+    SetLastError(0);
+    EXPECT_FALSE(GetOverlappedResult(d, a.ov, &bytes, FALSE));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_INCOMPLETE));
+    EXPECT_FALSE(a.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_FALSE(b.issue(d));
+    EXPECT_EQ(sim::probe_count(4), 2u);
     EXPECT_EQ(sim::pending_count(4), 2u);
     EXPECT_EQ(WaitForSingleObject(a.ev, 20), static_cast<DWORD>(WAIT_TIMEOUT));
+
     sim::release(4, 1167);
     EXPECT_EQ(sim::pending_count(4), 0u);
-    DWORD bytes = 0;
+    for (Probe *p : {&a, &b}) {
+        EXPECT_EQ(WaitForSingleObject(p->ev, 0), WAIT_OBJECT_0);
+        SetLastError(0);
+        EXPECT_FALSE(GetOverlappedResult(d, p->ov, &bytes, FALSE));
+        EXPECT_EQ(GetLastError(), 1167u);
+    }
+    // Once completed, the same block may carry the next probe. A reset of the world ends it as
+    // disconnected, and forgets the probes counted.
+    EXPECT_FALSE(a.issue(d));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
+    sim::reset();
+    EXPECT_EQ(sim::probe_count(4), 0u);
     EXPECT_EQ(WaitForSingleObject(a.ev, 0), WAIT_OBJECT_0);
     EXPECT_FALSE(GetOverlappedResult(d, a.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), 1167u);
-    EXPECT_FALSE(GetOverlappedResult(d, b.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), 1167u);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DEVICE_NOT_CONNECTED));
     EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(PendingProbe, SameOverlappedCannotBeIssuedTwiceWhilePending) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    EXPECT_FALSE(p.issue(d));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(sim::probe_count(4), 1u);
-    sim::release(4);
-    // Once completed, the same block may carry the next probe.
-    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
-    EXPECT_FALSE(p.issue(d));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING));
-    sim::release(4);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(PendingProbe, SynchronousProbeWaitsForTheDelay) {
-    load("disk 1 delay 30\ndisk 3 fail 50 after 10\n");
-    HANDLE d = open_disk(1, 0);
-    EXPECT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr));
-    EXPECT_EQ(sim::pending_count(1), 0u);
-    HANDLE f = open_disk(3, 0);
-    SetLastError(0);
-    EXPECT_FALSE(DeviceIoControl(f, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr));
-    EXPECT_EQ(GetLastError(), 50u);
-    EXPECT_TRUE(CloseHandle(d));
-    EXPECT_TRUE(CloseHandle(f));
 }
 
 // ---- Letting go of a pending probe --------------------------------------------------------
 
 using DetachedProbe = SimTest;
 
-TEST_F(DetachedProbe, CancelIoCompletesWithAbortedBeforeReturning) {
+// CancelIo ends a pending probe as aborted before it returns, and leaves one that already
+// completed as it was.
+
+// CancelIo ends a pending probe as aborted before it returns; closing the handle instead touches
+// neither the block nor the event. Either way the caller may then free both while the disk still
+// holds the probe.
+TEST_F(DetachedProbe, CancelAbortsAndCloseDetachesAPendingProbe) {
     load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    EXPECT_TRUE(CancelIo(d));
-    EXPECT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(p.ov->Internal, 0xC0000120u);
-    DWORD bytes = 3;
-    SetLastError(0);
-    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
-    EXPECT_EQ(bytes, 0u);
-    // The device still holds the probe; the caller frees everything now.
-    EXPECT_EQ(sim::pending_count(4), 1u);
-    p.free();
-    sim::release(4);
-    EXPECT_EQ(sim::pending_count(4), 0u);
-    EXPECT_TRUE(CloseHandle(d));
+    for (bool cancel : {true, false}) {
+        SCOPED_TRACE(cancel ? "CancelIo" : "CloseHandle");
+        HANDLE d = open_disk(4);
+        Probe p;
+        EXPECT_FALSE(p.issue(d));
+        p.ov->Internal = 0x5A5A;
+        if (cancel) {
+            EXPECT_TRUE(CancelIo(d));
+            EXPECT_EQ(p.ov->Internal, 0xC0000120u);
+            DWORD bytes = 3;
+            SetLastError(0);
+            EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
+            EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+            EXPECT_EQ(bytes, 0u);
+        }
+        EXPECT_TRUE(CloseHandle(d));
+        EXPECT_EQ(p.ov->Internal, cancel ? 0xC0000120u : 0x5A5Au);
+        EXPECT_EQ(WaitForSingleObject(p.ev, 0), cancel ? WAIT_OBJECT_0 : static_cast<DWORD>(WAIT_TIMEOUT));
+        p.free();
+        EXPECT_EQ(sim::pending_count(4), 1u);
+        sim::release(4);
+        EXPECT_EQ(sim::pending_count(4), 0u);
+    }
 }
 
-TEST_F(DetachedProbe, CloseHandleDetachesWithoutTouchingTheBlock) {
+// A thread blocked on a hung probe, in the synchronous call or in a result that waits, is woken
+// by CancelIo from another thread and told the probe was aborted.
+TEST_F(DetachedProbe, CancelIoFromAnotherThreadWakesTheProbingThread) {
     load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    p.ov->Internal = 0x5A5A;
-    EXPECT_TRUE(CloseHandle(d));
-    EXPECT_EQ(p.ov->Internal, 0x5A5Au);
-    EXPECT_EQ(WaitForSingleObject(p.ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
-    p.free();
-    EXPECT_EQ(sim::pending_count(4), 1u);
-    sim::release(4);
-    EXPECT_EQ(sim::pending_count(4), 0u);
-}
-
-TEST_F(DetachedProbe, CancelIoLeavesCompletedProbesToBeReaped) {
-    load("disk 0 delay 1\ndisk 4 hang\n");
-    HANDLE d = open_disk(0);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    ASSERT_EQ(WaitForSingleObject(p.ev, kBound), WAIT_OBJECT_0);
-    EXPECT_TRUE(CancelIo(d));
-    DWORD bytes = 0;
-    EXPECT_TRUE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(DetachedProbe, CancelIoFromAnotherThreadWakesAWaitingResult) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    std::thread canceller([d] {
-        Sleep(20);
-        CancelIo(d);
-    });
-    DWORD bytes = 0;
-    SetLastError(0);
-    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, TRUE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
-    canceller.join();
-    sim::release(4);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(DetachedProbe, CancelIoEndsASynchronousProbeOnAnotherThread) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4, 0);
-    std::atomic<DWORD> error{0};
-    std::thread prober([d, &error] {
-        if (!DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr))
-            error = GetLastError();
-    });
-    ASSERT_TRUE(wait_until([] { return sim::pending_count(4) == 1; }));
-    EXPECT_TRUE(CancelIo(d));
-    prober.join();
-    EXPECT_EQ(error.load(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
-    sim::release(4);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(DetachedProbe, ResetEndsHungProbesAsDisconnected) {
-    load("disk 4 hang\n");
-    HANDLE d = open_disk(4);
-    Probe p;
-    EXPECT_FALSE(p.issue(d));
-    sim::reset();
-    ASSERT_EQ(WaitForSingleObject(p.ev, 0), WAIT_OBJECT_0);
-    DWORD bytes = 0;
-    EXPECT_FALSE(GetOverlappedResult(d, p.ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DEVICE_NOT_CONNECTED));
-    EXPECT_TRUE(CloseHandle(d));
+    for (bool overlapped : {false, true}) {
+        SCOPED_TRACE(overlapped ? "result that waits" : "synchronous probe");
+        HANDLE d = open_disk(4, overlapped ? FILE_FLAG_OVERLAPPED : 0);
+        std::atomic<DWORD> error{0};
+        std::thread prober([&] {
+            Probe p;
+            DWORD bytes = 0;
+            const BOOL ok = overlapped ? (p.issue(d), GetOverlappedResult(d, p.ov, &bytes, TRUE))
+                                       : DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0,
+                                                         nullptr, nullptr);
+            error = ok ? 0 : GetLastError();
+        });
+        ASSERT_TRUE(wait_until([] { return sim::pending_count(4) == 1; }));
+        EXPECT_TRUE(CancelIo(d));
+        prober.join();
+        EXPECT_EQ(error.load(), static_cast<DWORD>(ERROR_OPERATION_ABORTED));
+        sim::release(4);
+        EXPECT_TRUE(CloseHandle(d));
+    }
 }
 
 // Completion from the timer thread races with CancelIo and CloseHandle from here; every outcome

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <vector>
 
 using namespace storage_test;
@@ -29,6 +30,14 @@ Extents get_extents(HANDLE vol, DWORD size) {
                            nullptr);
     r.error = r.ok ? 0 : GetLastError();
     return r;
+}
+
+// Expects `call` to fail and to leave exactly `error` as the last error.
+template <class Call>
+void ExpectFails(Call call, DWORD error) {
+    SetLastError(0);
+    EXPECT_FALSE(call());
+    EXPECT_EQ(GetLastError(), error);
 }
 
 // ---- Volumes and the extents request --------------------------------------------------------
@@ -78,219 +87,131 @@ TEST_F(VolumeExtents, AnswersFitTheBufferOrSayWhatIsMissing) {
     }
 }
 
-TEST_F(VolumeExtents, ExtentsErrorIsReturnedThenClears) {
-    load(std::string("volume ") + kVol1 + " disks 0\nvolume " + kVol1 + " extents-error 1\n");
-    HANDLE vol = open_volume(kVol1);
-    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(get_extents(vol, 32).error, 1u);
-    sim::set_volume_extents_error(kVol1, 0);
-    EXPECT_TRUE(get_extents(vol, 32).ok);
-    EXPECT_TRUE(CloseHandle(vol));
-}
-
-TEST_F(VolumeExtents, UnknownVolumeIsFileNotFound) {
-    load(std::string("volume ") + kVol1 + " disks 0\n");
-    SetLastError(0);
-    EXPECT_EQ(open_volume(kVol3), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-}
-
-TEST_F(VolumeExtents, GuidMatchesInAnyCase) {
-    sim::set_volume("6F1C2D3E-0000-4000-8000-00000000000A", {7});
-    HANDLE vol = open_volume("6f1c2d3e-0000-4000-8000-00000000000a");
-    ASSERT_NE(vol, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(get_extents(vol, 32).v()->Extents[0].DiskNumber, 7u);
-    EXPECT_TRUE(CloseHandle(vol));
-}
-
-TEST_F(VolumeExtents, RemovedVolumeCannotBeOpened) {
-    sim::set_volume(kVol1, {0});
-    sim::remove_volume(kVol1);
-    SetLastError(0);
-    EXPECT_EQ(open_volume(kVol1), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-}
-
 // ---- Paths and opening -------------------------------------------------------------------
 
 using OpenDevice = SimTest;
 
-TEST_F(OpenDevice, MalformedPathsGiveWin32Errors) {
+TEST_F(OpenDevice, FailuresGiveWin32Errors) {
+    load(std::string("volume ") + kVol1 + " disks 0\nvolume " + kVol3 + " disks 1\ndisk 5 openfail 21\n");
+    sim::remove_volume(kVol3);
     struct Case {
         const char *path;
+        DWORD disposition;
         DWORD error;
     } cases[] = {
-        {"\\\\?\\Volume{}", 123},
-        {"\\\\?\\Volume6f1c2d3e-0000-4000-8000-000000000001", 123},
-        {"\\\\?\\Volume{6f1c2d3e-0000-4000-8000-000000000001", 123},
-        {"\\\\?\\Volume{6f1c/2d3e}", 123},
-        {"C:\\data", 3},
-        {"/dev/sda", 3},
-        {"", 3},
-        {"\\\\.\\PHYSICALDRIVE", 2},
-        {"\\\\.\\PHYSICALDRIVEx", 2},
-        {"\\\\.\\PHYSICALDRIVE01", 2},
-        {"\\\\.\\PHYSICALDRIVE4294967296", 2},
-        {"\\\\.\\C:", 2},
+        {"\\\\?\\Volume{}", OPEN_EXISTING, 123},
+        {"\\\\?\\Volume6f1c2d3e-0000-4000-8000-000000000001", OPEN_EXISTING, 123},
+        {"\\\\?\\Volume{6f1c2d3e-0000-4000-8000-000000000001", OPEN_EXISTING, 123},
+        {"\\\\?\\Volume{6f1c/2d3e}", OPEN_EXISTING, 123},
+        {"C:\\data", OPEN_EXISTING, 3},
+        {"/dev/sda", OPEN_EXISTING, 3},
+        {"", OPEN_EXISTING, 3},
+        {"\\\\.\\PHYSICALDRIVE", OPEN_EXISTING, 2},
+        {"\\\\.\\PHYSICALDRIVEx", OPEN_EXISTING, 2},
+        {"\\\\.\\PHYSICALDRIVE01", OPEN_EXISTING, 2},
+        {"\\\\.\\PHYSICALDRIVE4294967296", OPEN_EXISTING, 2},
+        {"\\\\.\\C:", OPEN_EXISTING, 2},
+        {"\\\\.\\PHYSICALDRIVE9", OPEN_EXISTING, ERROR_FILE_NOT_FOUND},                             // no such disk
+        {"\\\\.\\PHYSICALDRIVE5", OPEN_EXISTING, 21},                                               // its open fails
+        {"\\\\?\\Volume{6f1c2d3e-0000-4000-8000-000000000002}", OPEN_EXISTING, ERROR_FILE_NOT_FOUND}, // no such volume
+        {"\\\\?\\Volume{6f1c2d3e-0000-4000-8000-000000000003}", OPEN_EXISTING, ERROR_FILE_NOT_FOUND}, // removed
+        {nullptr, OPEN_EXISTING, ERROR_INVALID_PARAMETER},
+        {"\\\\.\\PHYSICALDRIVE0", 2 /* CREATE_ALWAYS */, ERROR_INVALID_PARAMETER},
     };
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.path ? c.path : "NULL");
         SetLastError(0);
-        EXPECT_EQ(CreateFileA(c.path, GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE)
-            << c.path;
-        EXPECT_EQ(GetLastError(), c.error) << c.path;
+        EXPECT_EQ(CreateFileA(c.path, GENERIC_READ, 3, nullptr, c.disposition, 0, nullptr), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), c.error);
     }
 }
 
-TEST_F(OpenDevice, BadParametersAreRejected) {
-    load("disk 0 ok\n");
-    SetLastError(0);
-    EXPECT_EQ(CreateFileA(nullptr, GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    SetLastError(0);
-    EXPECT_EQ(CreateFileA(disk_path(0).c_str(), GENERIC_READ, 3, nullptr, 2 /* CREATE_ALWAYS */, 0, nullptr),
-              INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-}
-
-TEST_F(OpenDevice, UnknownDiskIsFileNotFound) {
-    load("disk 0 ok\n");
-    SetLastError(0);
-    EXPECT_EQ(open_disk(9), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-}
-
-TEST_F(OpenDevice, OpenFailGivesTheDisksError) {
-    load("disk 5 openfail 21\n");
-    SetLastError(0);
-    EXPECT_EQ(open_disk(5), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), 21u);
-}
-
-TEST_F(OpenDevice, DisksOfAVolumeExistAndAnswer) {
+// GUIDs and device prefixes match in any case, and every disk a volume names exists and answers.
+TEST_F(OpenDevice, NamesMatchInAnyCaseAndAVolumesDisksExist) {
     load(std::string("volume ") + kVol3 + " disks 0 1 2\n");
-    for (DWORD n = 0; n < 3; ++n) {
-        HANDLE d = open_disk(n);
-        ASSERT_NE(d, INVALID_HANDLE_VALUE) << n;
-        EXPECT_EQ(sim::get_disk(n).behaviour, sim::Behaviour::Ok);
+    sim::set_volume("6F1C2D3E-0000-4000-8000-00000000000A", {7});
+    for (const char *guid : {"6f1c2d3e-0000-4000-8000-00000000000a", "6F1C2D3E-0000-4000-8000-00000000000A"}) {
+        HANDLE vol = open_volume(guid);
+        ASSERT_NE(vol, INVALID_HANDLE_VALUE) << guid;
+        EXPECT_EQ(get_extents(vol, 32).v()->Extents[0].DiskNumber, 7u);
+        EXPECT_TRUE(CloseHandle(vol));
+    }
+    for (const std::string &path : {disk_path(0), disk_path(1), std::string("\\\\.\\physicaldrive2")}) {
+        SCOPED_TRACE(path);
+        HANDLE d = CreateFileA(path.c_str(), GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr);
+        ASSERT_NE(d, INVALID_HANDLE_VALUE);
         EXPECT_TRUE(CloseHandle(d));
     }
+    EXPECT_EQ(sim::get_disk(2).behaviour, sim::Behaviour::Ok);
 }
 
-TEST_F(OpenDevice, LowerCaseDevicePrefixesAreAccepted) {
-    load("disk 3 ok\n");
-    HANDLE d = CreateFileA("\\\\.\\physicaldrive3", GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr);
-    ASSERT_NE(d, INVALID_HANDLE_VALUE);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(OpenDevice, ClosedHandleIsInvalid) {
-    load("disk 0 ok\n");
+// The device calls on a closed handle or on a handle that is no device fail with 6.
+// Device calls on a closed handle or on one that is no device fail with 6; requests a device
+// does not answer fail with 1. Neither reaches a disk.
+TEST_F(OpenDevice, CallsADeviceCannotTakeFail) {
+    load(std::string("volume ") + kVol1 + " disks 0\n");
     HANDLE d = open_disk(0);
-    ASSERT_NE(d, INVALID_HANDLE_VALUE);
-    ASSERT_TRUE(CloseHandle(d));
-    OVERLAPPED ov{};
-    SetLastError(0);
-    EXPECT_FALSE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
-    SetLastError(0);
-    EXPECT_FALSE(CancelIo(d));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
-}
-
-TEST_F(OpenDevice, EventHandleIsNotAFile) {
+    HANDLE vol = open_volume(kVol1);
+    HANDLE closed = open_disk(0);
+    ASSERT_TRUE(CloseHandle(closed));
     HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    ASSERT_NE(ev, nullptr);
     OVERLAPPED ov{};
-    SetLastError(0);
-    EXPECT_FALSE(DeviceIoControl(ev, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
-    SetLastError(0);
-    EXPECT_FALSE(GetOverlappedResult(ev, &ov, nullptr, FALSE));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
-    EXPECT_TRUE(CloseHandle(ev));
+    DWORD bytes = 0;
+    auto control = [&](HANDLE h, DWORD code) { return DeviceIoControl(h, code, nullptr, 0, nullptr, 0, nullptr, &ov); };
+    for (HANDLE h : {closed, ev}) {
+        ExpectFails([&] { return control(h, IOCTL_STORAGE_CHECK_VERIFY); }, ERROR_INVALID_HANDLE);
+        ExpectFails([&] { return GetOverlappedResult(h, &ov, &bytes, FALSE); }, ERROR_INVALID_HANDLE);
+        ExpectFails([&] { return CancelIo(h); }, ERROR_INVALID_HANDLE);
+    }
+    ExpectFails([&] { return control(vol, IOCTL_STORAGE_CHECK_VERIFY); }, ERROR_INVALID_FUNCTION);
+    ExpectFails([&] { return control(d, 0x70000 /* IOCTL_DISK_GET_DRIVE_GEOMETRY */); }, ERROR_INVALID_FUNCTION);
+    EXPECT_EQ(sim::probe_count(0), 0u);
+    for (HANDLE h : {d, vol, ev})
+        EXPECT_TRUE(CloseHandle(h));
 }
 
 // ---- Probes answered at once -----------------------------------------------------------------
 
 using ImmediateProbe = SimTest;
 
-TEST_F(ImmediateProbe, OkCompletesAtOnceAndSetsTheEvent) {
-    load("disk 0 ok\n");
-    HANDLE d = open_disk(0);
-    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    ASSERT_NE(d, INVALID_HANDLE_VALUE);
-    OVERLAPPED ov{};
-    ov.Internal = 77;
-    ov.InternalHigh = 77;
-    ov.hEvent = ev;
-    EXPECT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
-    EXPECT_EQ(ov.Internal, 0u);
-    EXPECT_EQ(ov.InternalHigh, 0u);
-    EXPECT_EQ(WaitForSingleObject(ev, 0), WAIT_OBJECT_0);
-    DWORD bytes = 99;
-    EXPECT_TRUE(GetOverlappedResult(d, &ov, &bytes, FALSE));
-    EXPECT_EQ(bytes, 0u);
-    EXPECT_EQ(sim::probe_count(0), 1u);
-    EXPECT_EQ(sim::pending_count(0), 0u);
-    EXPECT_TRUE(CloseHandle(d));
-    EXPECT_TRUE(CloseHandle(ev));
-}
-
-TEST_F(ImmediateProbe, RefuseFailsAtOnceWithItsError) {
-    load("disk 2 refuse 21\n");
-    HANDLE d = open_disk(2);
-    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    OVERLAPPED ov{};
-    ov.hEvent = ev;
-    SetLastError(0);
-    EXPECT_FALSE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
-    EXPECT_EQ(GetLastError(), 21u);
-    EXPECT_EQ(WaitForSingleObject(ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
-    EXPECT_EQ(sim::probe_count(2), 1u);
-    EXPECT_EQ(sim::pending_count(2), 0u);
-    EXPECT_TRUE(CloseHandle(d));
-    EXPECT_TRUE(CloseHandle(ev));
-}
-
-TEST_F(ImmediateProbe, SynchronousProbeOfAnOkDisk) {
-    load("disk 0 ok\n");
-    HANDLE d = open_disk(0, 0);
-    ASSERT_NE(d, INVALID_HANDLE_VALUE);
-    DWORD returned = 5;
-    EXPECT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, &returned, nullptr));
-    EXPECT_EQ(returned, 0u);
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(ImmediateProbe, OtherControlCodesAreInvalidFunction) {
-    load(std::string("volume ") + kVol1 + " disks 0\n");
-    HANDLE d = open_disk(0);
-    HANDLE vol = open_volume(kVol1);
-    OVERLAPPED ov{};
-    SetLastError(0);
-    EXPECT_FALSE(DeviceIoControl(d, 0x70000 /* IOCTL_DISK_GET_DRIVE_GEOMETRY */, nullptr, 0, nullptr, 0, nullptr,
-                                 &ov));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_FUNCTION));
-    SetLastError(0);
-    EXPECT_FALSE(DeviceIoControl(vol, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, nullptr));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_FUNCTION));
-    EXPECT_EQ(sim::probe_count(0), 0u);
-    EXPECT_TRUE(CloseHandle(d));
-    EXPECT_TRUE(CloseHandle(vol));
-}
-
-TEST_F(ImmediateProbe, ProbeCountFollowsEveryRequestAndResets) {
-    load("disk 0 ok\ndisk 1 refuse 5\n");
-    HANDLE d0 = open_disk(0), d1 = open_disk(1);
-    OVERLAPPED ov{};
-    for (int i = 0; i < 3; ++i) DeviceIoControl(d0, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov);
-    DeviceIoControl(d1, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov);
-    EXPECT_EQ(sim::probe_count(0), 3u);
-    EXPECT_EQ(sim::probe_count(1), 1u);
-    sim::reset();
-    EXPECT_EQ(sim::probe_count(0), 0u);
-    EXPECT_TRUE(CloseHandle(d0));
-    EXPECT_TRUE(CloseHandle(d1));
+// An ok disk completes a probe at once (setting the event, clearing the status block); a refusing
+// one fails it at once and leaves the event alone. Either way nothing stays pending.
+TEST_F(ImmediateProbe, OkCompletesAndRefuseFailsAtOnce) {
+    struct Case {
+        const char *disk;
+        bool overlapped;
+        DWORD error; // 0: the probe succeeds
+    };
+    for (const Case &c : {Case{"disk 0 ok", true, 0}, Case{"disk 0 ok", false, 0}, Case{"disk 0 refuse 21", true, 21}}) {
+        SCOPED_TRACE(std::string(c.disk) + (c.overlapped ? ", overlapped" : ", synchronous"));
+        load(std::string(c.disk) + "\n");
+        HANDLE d = open_disk(0, c.overlapped ? FILE_FLAG_OVERLAPPED : 0);
+        ASSERT_NE(d, INVALID_HANDLE_VALUE);
+        HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        OVERLAPPED ov{};
+        ov.Internal = ov.InternalHigh = 77;
+        ov.hEvent = ev;
+        DWORD returned = 5;
+        SetLastError(0);
+        const BOOL ok = DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0,
+                                        c.overlapped ? nullptr : &returned, c.overlapped ? &ov : nullptr);
+        EXPECT_EQ(ok != FALSE, c.error == 0);
+        EXPECT_EQ(GetLastError(), c.error);
+        EXPECT_EQ(WaitForSingleObject(ev, 0), c.overlapped && c.error == 0 ? WAIT_OBJECT_0 : WAIT_TIMEOUT);
+        if (!c.overlapped) {
+            EXPECT_EQ(returned, 0u);
+        } else if (c.error == 0) {
+            EXPECT_EQ(ov.Internal, 0u);
+            EXPECT_EQ(ov.InternalHigh, 0u);
+            DWORD bytes = 99;
+            EXPECT_TRUE(GetOverlappedResult(d, &ov, &bytes, FALSE));
+            EXPECT_EQ(bytes, 0u);
+        }
+        EXPECT_EQ(sim::probe_count(0), 1u);
+        EXPECT_EQ(sim::pending_count(0), 0u);
+        EXPECT_TRUE(CloseHandle(d));
+        EXPECT_TRUE(CloseHandle(ev));
+    }
 }
 
 // ---- The description format ------------------------------------------------------------------
@@ -327,10 +248,13 @@ TEST_F(Description, EveryStatementSetsItsState) {
     Extents r = get_extents(vol, 80);
     EXPECT_EQ(r.v()->NumberOfDiskExtents, 3u);
     EXPECT_TRUE(CloseHandle(vol));
-    // A volume named only by its extents error exists, and its request fails.
+    // A volume named only by its extents error exists, and its request fails until the error is
+    // cleared.
     vol = open_volume(kVol3);
     ASSERT_NE(vol, INVALID_HANDLE_VALUE);
     EXPECT_EQ(get_extents(vol, 32).error, 1u);
+    sim::set_volume_extents_error(kVol3, 0);
+    EXPECT_TRUE(get_extents(vol, 32).ok);
     EXPECT_TRUE(CloseHandle(vol));
 }
 
@@ -364,17 +288,13 @@ TEST_F(Description, BadLinesNameTheLineAndTheReason) {
     }
 }
 
-TEST_F(Description, InvalidTextLeavesTheWorldAsItWas) {
-    load("disk 0 delay 10\n");
+// A valid text replaces the whole world; an invalid one changes nothing.
+TEST_F(Description, LoadReplacesTheWholeWorldOnlyWhenValid) {
+    load("disk 0 hang\ndisk 1 delay 10\n");
     std::string why;
-    EXPECT_FALSE(sim::load_text("disk 0 ok\ndisk 1 bogus\n", &why));
-    EXPECT_EQ(sim::get_disk(0).behaviour, sim::Behaviour::Delay);
-    HANDLE d = open_disk(1);
-    EXPECT_EQ(d, INVALID_HANDLE_VALUE);
-}
-
-TEST_F(Description, LoadReplacesTheWholeWorld) {
-    load("disk 0 hang\ndisk 1 ok\n");
+    EXPECT_FALSE(sim::load_text("disk 1 ok\ndisk 2 bogus\n", &why));
+    EXPECT_EQ(sim::get_disk(1).behaviour, sim::Behaviour::Delay);
+    EXPECT_EQ(open_disk(2), INVALID_HANDLE_VALUE);
     load("disk 1 refuse 21\n");
     EXPECT_EQ(open_disk(0), INVALID_HANDLE_VALUE);
     EXPECT_EQ(sim::get_disk(1).behaviour, sim::Behaviour::Refuse);
@@ -423,67 +343,48 @@ TEST_F(Description, StorageNameIsSimByDefault) { EXPECT_STREQ(qmtp_storage_name(
 
 using DeviceFaults = SimTest;
 
-TEST_F(DeviceFaults, CreateFileFailsOnTheNthCall) {
-    load("disk 0 ok\n");
-    qmtp_fault_set("CreateFileA", 2, 32);
-    HANDLE first = open_disk(0);
-    ASSERT_NE(first, INVALID_HANDLE_VALUE);
-    SetLastError(0);
-    EXPECT_EQ(open_disk(0), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), 32u);
-    HANDLE third = open_disk(0);
-    EXPECT_NE(third, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(qmtp_call_count("CreateFileA"), 3u);
-    EXPECT_TRUE(CloseHandle(first));
-    EXPECT_TRUE(CloseHandle(third));
-}
-
-TEST_F(DeviceFaults, DeviceIoControlFailsWithoutReachingTheDisk) {
-    load("disk 0 ok\n");
+// Each device call is a fault point: the armed call fails with the chosen error before it reaches
+// the disk or touches the caller's buffers, and the next one works again.
+TEST_F(DeviceFaults, EveryDeviceCallCanBeMadeToFail) {
+    constexpr DWORD kInjected = 4321;
+    load(std::string("volume ") + kVol1 + " disks 0 1 2\n");
     HANDLE d = open_disk(0);
+    HANDLE vol = open_volume(kVol1);
     HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    qmtp_fault_set("DeviceIoControl", 1, 1117);
     OVERLAPPED ov{};
     ov.hEvent = ev;
-    SetLastError(0);
-    EXPECT_FALSE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
-    EXPECT_EQ(GetLastError(), 1117u);
-    EXPECT_EQ(sim::probe_count(0), 0u);
-    EXPECT_EQ(WaitForSingleObject(ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
-    EXPECT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
-    EXPECT_EQ(sim::probe_count(0), 1u);
-    EXPECT_TRUE(CloseHandle(d));
-    EXPECT_TRUE(CloseHandle(ev));
-}
-
-TEST_F(DeviceFaults, GetOverlappedResultAndCancelIoAreFaultPoints) {
-    load("disk 0 ok\n");
-    HANDLE d = open_disk(0);
-    OVERLAPPED ov{};
-    ASSERT_TRUE(DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov));
-    qmtp_fault_set("GetOverlappedResult", 1, 6);
-    qmtp_fault_set("CancelIo", 1, 1167);
     DWORD bytes = 0;
-    SetLastError(0);
-    EXPECT_FALSE(GetOverlappedResult(d, &ov, &bytes, FALSE));
-    EXPECT_EQ(GetLastError(), 6u);
-    SetLastError(0);
-    EXPECT_FALSE(CancelIo(d));
-    EXPECT_EQ(GetLastError(), 1167u);
-    EXPECT_TRUE(GetOverlappedResult(d, &ov, &bytes, FALSE));
-    EXPECT_TRUE(CancelIo(d));
-    EXPECT_TRUE(CloseHandle(d));
-}
-
-TEST_F(DeviceFaults, ExtentsRequestFaultLeavesTheBufferAlone) {
-    sim::set_volume(kVol3, {0, 1, 2});
-    HANDLE vol = open_volume(kVol3);
-    qmtp_fault_set("DeviceIoControl", 1, 8);
+    auto probe = [&] { return DeviceIoControl(d, IOCTL_STORAGE_CHECK_VERIFY, nullptr, 0, nullptr, 0, nullptr, &ov); };
+    struct Case {
+        const char *name;
+        std::function<BOOL()> call;
+    } cases[] = {
+        {"CreateFileA",
+         [] {
+             HANDLE h = open_disk(1);
+             return h != INVALID_HANDLE_VALUE && CloseHandle(h);
+         }},
+        {"DeviceIoControl", probe},
+        {"GetOverlappedResult", [&] { return GetOverlappedResult(d, &ov, &bytes, FALSE); }},
+        {"CancelIo", [&] { return CancelIo(d); }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        const unsigned probes = sim::probe_count(0);
+        ResetEvent(ev);
+        qmtp_fault_set(c.name, 1, kInjected);
+        ExpectFails(c.call, kInjected);
+        EXPECT_EQ(sim::probe_count(0), probes);
+        EXPECT_EQ(WaitForSingleObject(ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+        EXPECT_TRUE(c.call());
+    }
+    EXPECT_EQ(qmtp_call_count("DeviceIoControl"), 2u);
+    qmtp_fault_set("DeviceIoControl", 1, kInjected);
     Extents r = get_extents(vol, 32);
-    EXPECT_FALSE(r.ok);
-    EXPECT_EQ(r.error, 8u);
+    EXPECT_EQ(r.error, kInjected);
     EXPECT_EQ(r.v()->NumberOfDiskExtents, 0u);
-    EXPECT_TRUE(CloseHandle(vol));
+    for (HANDLE h : {d, vol, ev})
+        EXPECT_TRUE(CloseHandle(h));
 }
 
 } // namespace
