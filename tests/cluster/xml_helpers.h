@@ -4,6 +4,7 @@
 #include "qmtxml.h"
 #include "qmtxml_codes.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -42,21 +43,27 @@ struct Names {
     int size;
     int fetch_rc;
     std::vector<std::string> names;
+    bool whole_slots;  // each name's slot is NUL from its end to the slot's end
 };
 
-// The two-call protocol of xmllib_enum_value: size query, then fetch into a zero-filled buffer.
+// The two-call protocol of xmllib_enum_value: size query, then fetch (into a buffer of junk, so
+// that a slot not filled to its end shows).
 inline Names enum_names(const std::string &key)
 {
     Names n{};
-    n.size = 0;
+    n.whole_slots = true;
     n.size_rc = xmllib_enum_value(key.c_str(), nullptr, &n.size);
     if (n.size_rc != 0 && n.size_rc != XMLLIB_ENUM_EMPTY && n.size_rc != XMLLIB_ENUM_NO_PARENT)
         return n;
-    std::vector<char> buf(static_cast<size_t>(n.size) + 1, 0);
+    std::vector<char> buf(static_cast<size_t>(n.size) + 1, 'Z');
     int size = n.size;
     n.fetch_rc = xmllib_enum_value(key.c_str(), buf.data(), &size);
-    for (int i = 0; i + XMLLIB_NAME_SLOT <= size; i += XMLLIB_NAME_SLOT)
-        n.names.emplace_back(buf.data() + i);
+    for (int i = 0; i + XMLLIB_NAME_SLOT <= size; i += XMLLIB_NAME_SLOT) {
+        const char *slot = buf.data() + i;
+        n.names.emplace_back(slot, strnlen(slot, XMLLIB_NAME_SLOT));
+        n.whole_slots = n.whole_slots && std::all_of(slot + n.names.back().size(), slot + XMLLIB_NAME_SLOT,
+                                                     [](char c) { return c == '\0'; });
+    }
     return n;
 }
 
