@@ -29,22 +29,13 @@ namespace {
 
 constexpr uid_t kNobody = 65534;
 
-// Runs `body` in a child process (as `uid` when given) and returns its exit code, -1 on a crash or
-// when it overran 20 s (then it is killed).
-int in_child(const std::function<int()> &body, uid_t uid = static_cast<uid_t>(-1))
+// Runs `body` in a child process as `uid` and returns its exit code (100: could not become `uid`).
+int as_user(uid_t uid, const std::function<int()> &body)
 {
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (uid != static_cast<uid_t>(-1) && (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
-                                              setresuid(uid, uid, uid) != 0))
-            _exit(100);
-        alarm(20);
-        _exit(body());
-    }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid)
-        return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return in_child([&] {
+        bool become = setgroups(0, nullptr) == 0 && setresgid(uid, uid, uid) == 0 && setresuid(uid, uid, uid) == 0;
+        return become ? body() : 100;
+    });
 }
 
 mode_t file_mode(const std::string &segment, gid_t *gid = nullptr)
@@ -55,19 +46,6 @@ mode_t file_mode(const std::string &segment, gid_t *gid = nullptr)
     if (gid)
         *gid = st.st_gid;
     return st.st_mode & 07777;
-}
-
-// Maps our own resource segment read-write, as a damaged or hostile copy of ourselves would.
-void *map_rm(const std::string &segment, size_t *size)
-{
-    int fd = shm_open(segment.c_str(), O_RDWR, 0);
-    struct stat st {};
-    if (fd < 0 || fstat(fd, &st) != 0)
-        return nullptr;
-    void *a = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    *size = static_cast<size_t>(st.st_size);
-    return a == MAP_FAILED ? nullptr : a;
 }
 
 class ShmGuard : public ::testing::Test {
@@ -96,8 +74,8 @@ TEST_F(ShmGuard, SegmentsAreOnlyTheirOwnersEvenUnderAWideUmask)
         GTEST_SKIP() << "the other-user half needs root";
     // Another user can neither open them for writing nor read them.
     std::string rm = shm.rm();
-    EXPECT_EQ(in_child([&] { return shm_open(rm.c_str(), O_RDWR, 0) < 0 && errno == EACCES ? 0 : 1; }, kNobody), 0);
-    EXPECT_EQ(in_child([&] { return shm_open(rm.c_str(), O_RDONLY, 0) < 0 && errno == EACCES ? 0 : 1; }, kNobody), 0);
+    EXPECT_EQ(as_user(kNobody, [&] { return shm_open(rm.c_str(), O_RDWR, 0) < 0 && errno == EACCES ? 0 : 1; }), 0);
+    EXPECT_EQ(as_user(kNobody, [&] { return shm_open(rm.c_str(), O_RDONLY, 0) < 0 && errno == EACCES ? 0 : 1; }), 0);
 }
 
 TEST_F(ShmGuard, AReaderGroupGetsReadRightOnly)
@@ -141,7 +119,7 @@ TEST_F(ShmGuard, ASegmentMadeByAnotherUserIsRefused)
         GTEST_SKIP() << "needs root to act as another user";
     // `nobody` gets there first, with a header that claims 100000 entries and a held mutex word.
     std::string cm = shm.cm(), rm = shm.rm();
-    int made = in_child([&] {
+    int made = as_user(kNobody, [&] {
         for (const std::string &name : {cm, rm}) {
             int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
             if (fd < 0 || fchmod(fd, 0666) != 0 || ftruncate(fd, 1 << 20) != 0)
@@ -157,7 +135,7 @@ TEST_F(ShmGuard, ASegmentMadeByAnotherUserIsRefused)
             h->capacity = 100000;
         }
         return 0;
-    }, kNobody);
+    });
     ASSERT_EQ(made, 0);
     EXPECT_EQ(shmcm_attach(), QMTSHM_E_NOT_OWNER);
     EXPECT_EQ(shmrm_attach(), QMTSHM_E_NOT_OWNER);
@@ -193,7 +171,7 @@ TEST_F(ShmGuard, ADamagedHeaderIsRefusedByWritersAndReaders)
     ASSERT_EQ(shmrm_setdescript(nullptr, "sdw", "r1", "Normal", 256), 0);
     ASSERT_EQ(shmrm_detach(), 0);
     size_t size = 0;
-    void *a = map_rm(shm.rm(), &size);
+    void *a = map_segment(shm.rm(), &size);
     ASSERT_NE(a, nullptr);
     auto *h = static_cast<qmtshm::Header *>(a);
     struct Case {
@@ -226,7 +204,7 @@ TEST_F(ShmGuard, DamagedEntriesAreReportedWithoutHidingTheOthers)
     for (const char *n : {"r0", "r1", "r2", "r3"})
         ASSERT_EQ(shmrm_setdescript(nullptr, "sdw", n, "Normal", 256), 0);
     size_t size = 0;
-    void *a = map_rm(shm.rm(), &size);
+    void *a = map_segment(shm.rm(), &size);
     ASSERT_NE(a, nullptr);
     qmtshm::RmEntry *e = qmtshm::rm_entries(a);
     e[1].seq.fetch_add(1);  // a write that never ended
@@ -265,7 +243,7 @@ TEST_F(ShmGuard, AWriterGivesUpOnATableHeldTooLong)
     ASSERT_GE(holder, 0);
     if (holder == 0) {
         size_t size = 0;
-        void *a = map_rm(rm, &size);
+        void *a = map_segment(rm, &size);
         if (!a || pthread_mutex_lock(&static_cast<qmtshm::RmHeader *>(a)->mutex) != 0)
             _exit(1);
         (void)!write(ready[1], "x", 1);

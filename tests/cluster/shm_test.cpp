@@ -25,13 +25,11 @@ long long now_ms()
     return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-std::vector<QmtShmRmEntry> list_all(int *rc = nullptr)
+std::vector<QmtShmRmEntry> list_all()
 {
     std::vector<QmtShmRmEntry> v(300);
     int count = -1;
     int r = shmrm_list(v.data(), static_cast<int>(v.size()), &count);
-    if (rc)
-        *rc = r;
     v.resize(r == 0 ? static_cast<size_t>(count) : 0);
     return v;
 }
@@ -41,46 +39,32 @@ protected:
     ShmPrefix shm{"cm"};
 };
 
-TEST_F(ClusterShm, AttachCreatesTheSegmentWithRatioOne)
+TEST_F(ClusterShm, AttachIsCountedPerProcessAndTheSegmentOutlivesIt)
 {
-    EXPECT_EQ(shmcm_exists(), 0);
+    int ratio = 7;
+    EXPECT_EQ(shmcm_detach(), QMTSHM_E_NOT_ATTACHED);
+    EXPECT_EQ(shmcm_getratio(&ratio, nullptr), QMTSHM_E_NOT_ATTACHED);
+    EXPECT_EQ(shmcm_peekratio(&ratio), QMTSHM_E_NOT_FOUND);
+    EXPECT_EQ(ratio, 7);
+    EXPECT_EQ(shmcm_exists(), 0);  // nothing was created
+    ASSERT_EQ(shmcm_attach(), 0);
     ASSERT_EQ(shmcm_attach(), 0);
     EXPECT_EQ(shmcm_exists(), 1);
-    int ratio = 0;
     unsigned char extra[16];
     std::memset(extra, 0xAA, sizeof extra);
     ASSERT_EQ(shmcm_getratio(&ratio, extra), 0);
     EXPECT_EQ(ratio, 1);
-    for (unsigned char c : extra)
-        EXPECT_EQ(c, 0);  // generation 0, never set
+    EXPECT_EQ(std::vector<unsigned char>(extra, extra + 16), std::vector<unsigned char>(16, 0));  // never set
     ASSERT_EQ(shmcm_detach(), 0);
-    // The segment outlives the attachment so that readers can still look.
-    EXPECT_EQ(shmcm_exists(), 1);
-    int peek = 0;
-    EXPECT_EQ(shmcm_peekratio(&peek), 0);
-    EXPECT_EQ(peek, 1);
-}
-
-TEST_F(ClusterShm, DetachWithoutAttachFailsAndCreatesNothing)
-{
-    EXPECT_EQ(shmcm_detach(), QMTSHM_E_NOT_ATTACHED);
-    int ratio = 7;
-    EXPECT_EQ(shmcm_getratio(&ratio, nullptr), QMTSHM_E_NOT_ATTACHED);
-    EXPECT_EQ(ratio, 7);
-    EXPECT_EQ(shmcm_peekratio(&ratio), QMTSHM_E_NOT_FOUND);
-    EXPECT_EQ(shmcm_exists(), 0);
-}
-
-TEST_F(ClusterShm, AttachIsCountedPerProcess)
-{
-    ASSERT_EQ(shmcm_attach(), 0);
-    ASSERT_EQ(shmcm_attach(), 0);
-    ASSERT_EQ(shmcm_detach(), 0);
-    int ratio = 0;
     EXPECT_EQ(shmcm_getratio(&ratio, nullptr), 0);
     ASSERT_EQ(shmcm_detach(), 0);
     EXPECT_EQ(shmcm_getratio(&ratio, nullptr), QMTSHM_E_NOT_ATTACHED);
     EXPECT_EQ(shmcm_detach(), QMTSHM_E_NOT_ATTACHED);
+    // The segment outlives the attachment so that readers can still look.
+    EXPECT_EQ(shmcm_exists(), 1);
+    ratio = 0;
+    EXPECT_EQ(shmcm_peekratio(&ratio), 0);
+    EXPECT_EQ(ratio, 1);
 }
 
 TEST_F(ClusterShm, SetRatioAdvancesTheGeneration)
@@ -161,6 +145,12 @@ TEST_F(ResourceShm, EntriesAreKeyedByTypeAndName)
     EXPECT_STREQ(v[1].descript, "Error");
     EXPECT_STREQ(v[2].type, "disknp");
     EXPECT_STREQ(v[2].descript, "Other");
+    // Readers see the table without attaching; attaching again finds the same table.
+    ASSERT_EQ(shmrm_detach(), 0);
+    EXPECT_EQ(list_all().size(), 3u);
+    ASSERT_EQ(shmrm_attach(), 0);
+    ASSERT_EQ(shmrm_setdescript(nullptr, "sdw", "r1", "Again", 256), 0);
+    EXPECT_STREQ(list_all()[0].descript, "Again");
 }
 
 TEST_F(ResourceShm, DescriptionsAreBoundedByLengthAndSlot)
@@ -251,25 +241,6 @@ TEST_F(ResourceShm, ListReportsTheTotalWhenRoomIsShort)
     EXPECT_EQ(shmrm_list(nullptr, 0, &count), QMTSHM_E_INSUFFICIENT_BUFFER);
     EXPECT_EQ(shmrm_list(out, -1, &count), QMTSHM_E_INVALID_PARAMETER);
     EXPECT_EQ(shmrm_list(out, 2, nullptr), QMTSHM_E_INVALID_PARAMETER);
-}
-
-TEST_F(ResourceShm, ReadersSeeTheTableWithoutAttaching)
-{
-    ASSERT_EQ(shmrm_attach(), 0);
-    ASSERT_EQ(shmrm_setdescript(nullptr, "sdw", "r1", "Normal", 256), 0);
-    ASSERT_EQ(shmrm_detach(), 0);
-    EXPECT_EQ(shmrm_detach(), QMTSHM_E_NOT_ATTACHED);
-    int rc = -1;
-    std::vector<QmtShmRmEntry> v = list_all(&rc);
-    EXPECT_EQ(rc, 0);
-    ASSERT_EQ(v.size(), 1u);
-    EXPECT_STREQ(v[0].descript, "Normal");
-    // Attaching again finds the same table.
-    ASSERT_EQ(shmrm_attach(), 0);
-    ASSERT_EQ(shmrm_setdescript(nullptr, "sdw", "r1", "Again", 256), 0);
-    v = list_all();
-    ASSERT_EQ(v.size(), 1u);
-    EXPECT_STREQ(v[0].descript, "Again");
 }
 
 }  // namespace

@@ -9,6 +9,14 @@ using namespace clustertest;
 
 namespace {
 
+constexpr int kInt = 0;  // in place of a text capacity: the key is read as a whole number
+
+struct Answer {
+    std::string key;
+    int capacity;  // the plug-in's buffer for a text
+    std::string value;  // or "error N"
+};
+
 class EtcConfiguration : public ::testing::Test {
 protected:
     void SetUp() override { setenv("QMT_CONF_DIR", QMT_TEST_ETC_DIR, 1); }
@@ -20,102 +28,74 @@ protected:
         xmllib_term();
         unsetenv("QMT_CONF_DIR");
     }
-    // The order of a disk-monitor initialisation.
-    void load_for_sdw()
+    // The policies in the order the plug-in loads them, then the configuration.
+    static void load(std::initializer_list<const char *> policies)
     {
         ASSERT_EQ(xmllib_init("sdw"), 0);
-        ASSERT_EQ(xmllib_load_policy("sdw"), 0);
-        ASSERT_EQ(xmllib_load_policy("rm"), 0);
+        for (const char *p : policies)
+            ASSERT_EQ(xmllib_load_policy(p), 0) << p;
         ASSERT_EQ(xmllib_load_config(1), 0);
     }
-    // The order of a network-partition initialisation.
-    void load_for_disknp()
+    static void expect(const std::vector<Answer> &answers)
     {
-        ASSERT_EQ(xmllib_init("sdw"), 0);
-        ASSERT_EQ(xmllib_load_policy("sdw"), 0);
-        ASSERT_EQ(xmllib_load_policy("disknp"), 0);
-        ASSERT_EQ(xmllib_load_policy("nm"), 0);
-        ASSERT_EQ(xmllib_load_config(1), 0);
+        for (const Answer &a : answers) {
+            int rc = 0;
+            std::string value;
+            if (a.capacity == kInt) {
+                Int v = get_int(a.key);
+                rc = v.rc;
+                value = std::to_string(v.value);
+            } else {
+                Text t = get_text(a.key, a.capacity);
+                rc = t.rc;
+                value = t.value;
+            }
+            EXPECT_EQ(rc == 0 ? value : "error " + std::to_string(rc), a.value) << a.key;
+        }
     }
 };
 
-TEST_F(EtcConfiguration, PolicyKeysOfTheDiskMonitor)
+TEST_F(EtcConfiguration, KeysOfTheDiskMonitor)
 {
-    load_for_sdw();
-    Text type = get_text("/root/monitor/sdw/type", 32);
-    EXPECT_EQ(type.rc, 0);
-    EXPECT_EQ(type.value, "sdw");
-    EXPECT_EQ(type.size, 4);
-    EXPECT_EQ(get_int("/root/monitor/sdw/log/level").value, 4);
-    EXPECT_EQ(get_int("/root/monitor/sdw/log/level").rc, 0);
-    EXPECT_EQ(get_int("/root/monitor/sdw/log/size").value, 10000000);
-    EXPECT_EQ(get_int("/root/monitor/sdw/log/size").rc, 0);
-    EXPECT_EQ(get_text("/root/monitor/rm/type", 32).value, "rm");
+    load({"sdw", "rm"});
+    EXPECT_EQ(enum_names("/root/monitor/sdw").names, (std::vector<std::string>{"sdw1", "sdw2"}));
+    expect({
+        {"/root/monitor/sdw/type", 32, "sdw"},
+        {"/root/monitor/sdw/log/level", kInt, "4"},
+        {"/root/monitor/sdw/log/size", kInt, "10000000"},
+        {"/root/monitor/rm/type", 32, "rm"},
+        {"/root/cluster/delaywarn/monitor", kInt, "80"},
+        {"/root/monitor/sdw@sdw1/polling/timeout", kInt, "60"},
+        {"/root/monitor/sdw@sdw2/polling/timeout", kInt, "120"},
+        {"/root/monitor/sdw@sdw1/parameters/object", 32, "sd1"},
+        {"/root/monitor/sdw@sdw2/parameters/object", 32, "sd2"},
+        {"/root/resource/sd@sd1/server@node1/parameters/volumeguid", 63, "6f1c2d3e-0000-4000-8000-000000000001"},
+        {"/root/resource/sd@sd2/server@node1/parameters/volumeguid", 63, "6f1c2d3e-0000-4000-8000-000000000002"},
+        // Another server has no volume for these resources.
+        {"/root/resource/sd@sd1/server@node2/parameters/volumeguid", 63, "error 1168"},
+    });
 }
 
-TEST_F(EtcConfiguration, DiskMonitorResourcesAndTheirKeys)
+TEST_F(EtcConfiguration, KeysOfTheNetworkPartitionResources)
 {
-    load_for_sdw();
-    EXPECT_EQ(get_int("/root/cluster/delaywarn/monitor").rc, 0);
-    EXPECT_EQ(get_int("/root/cluster/delaywarn/monitor").value, 80);
-
-    Names n = enum_names("/root/monitor/sdw");
-    EXPECT_EQ(n.size_rc, 0);
-    EXPECT_EQ(n.size, 2 * 256);
-    EXPECT_EQ(n.fetch_rc, 0);
-    EXPECT_EQ(n.names, (std::vector<std::string>{"sdw1", "sdw2"}));
-
-    EXPECT_EQ(get_int("/root/monitor/sdw@sdw1/polling/timeout").value, 60);
-    EXPECT_EQ(get_int("/root/monitor/sdw@sdw2/polling/timeout").value, 120);
-    Text o1 = get_text("/root/monitor/sdw@sdw1/parameters/object", 32);
-    Text o2 = get_text("/root/monitor/sdw@sdw2/parameters/object", 32);
-    EXPECT_EQ(o1.rc, 0);
-    EXPECT_EQ(o1.value, "sd1");
-    EXPECT_EQ(o2.value, "sd2");
-    Text g1 = get_text("/root/resource/sd@sd1/server@node1/parameters/volumeguid", 63);
-    Text g2 = get_text("/root/resource/sd@sd2/server@node1/parameters/volumeguid", 63);
-    EXPECT_EQ(g1.rc, 0);
-    EXPECT_EQ(g1.value, "6f1c2d3e-0000-4000-8000-000000000001");
-    EXPECT_EQ(g2.rc, 0);
-    EXPECT_EQ(g2.value, "6f1c2d3e-0000-4000-8000-000000000002");
-    // Another server has no volume for these resources.
-    EXPECT_EQ(get_text("/root/resource/sd@sd1/server@node2/parameters/volumeguid", 63).rc,
-              XMLLIB_E_NOT_FOUND);
-}
-
-TEST_F(EtcConfiguration, NetworkPartitionResourcesAndTheirKeys)
-{
-    load_for_disknp();
-    EXPECT_EQ(get_text("/root/monitor/sdw/type", 32).value, "sdw");
-    EXPECT_EQ(get_text("/root/networkpartition/disknp/type", 32).value, "disknp");
-    EXPECT_EQ(get_text("/root/networkpartition/nm/type", 32).value, "nm");
-    EXPECT_EQ(get_int("/root/cluster/delaywarn/heartbeat").rc, 0);
-    EXPECT_EQ(get_int("/root/cluster/delaywarn/heartbeat").value, 80);
-
-    Names n = enum_names("/root/networkpartition/disknp");
-    EXPECT_EQ(n.size_rc, 0);
-    EXPECT_EQ(n.size, 512);
-    EXPECT_EQ(n.names, (std::vector<std::string>{"disknp1", "disknp2"}));
-
-    struct Expect {
-        const char *name;
-        int timeout, interval, count, device;
-        const char *guid;
-    } rows[] = {{"disknp1", 30, 10, 3, 0, "6f1c2d3e-0000-4000-8000-000000000003"},
-                {"disknp2", 60, 20, 0, 1, "6f1c2d3e-0000-4000-8000-000000000004"}};
-    for (const Expect &e : rows) {
-        SCOPED_TRACE(e.name);
-        std::string base = std::string("/root/networkpartition/disknp@") + e.name;
-        EXPECT_EQ(get_int(base + "/timeout").value, e.timeout);
-        EXPECT_EQ(get_int(base + "/interval").value, e.interval);
-        EXPECT_EQ(get_int(base + "/count").value, e.count);
-        Int dev = get_int(base + "/device");
-        EXPECT_EQ(dev.rc, 0);
-        EXPECT_EQ(dev.value, e.device);
-        Text info = get_text("/root/server@node1/device@" + std::to_string(dev.value) + "/info", 63);
-        EXPECT_EQ(info.rc, 0);
-        EXPECT_EQ(info.value, e.guid);
-    }
+    load({"sdw", "disknp", "nm"});
+    EXPECT_EQ(enum_names("/root/networkpartition/disknp").names, (std::vector<std::string>{"disknp1", "disknp2"}));
+    expect({
+        {"/root/monitor/sdw/type", 32, "sdw"},
+        {"/root/networkpartition/disknp/type", 32, "disknp"},
+        {"/root/networkpartition/nm/type", 32, "nm"},
+        {"/root/cluster/delaywarn/heartbeat", kInt, "80"},
+        {"/root/networkpartition/disknp@disknp1/timeout", kInt, "30"},
+        {"/root/networkpartition/disknp@disknp1/interval", kInt, "10"},
+        {"/root/networkpartition/disknp@disknp1/count", kInt, "3"},
+        {"/root/networkpartition/disknp@disknp1/device", kInt, "0"},
+        {"/root/networkpartition/disknp@disknp2/timeout", kInt, "60"},
+        {"/root/networkpartition/disknp@disknp2/interval", kInt, "20"},
+        {"/root/networkpartition/disknp@disknp2/count", kInt, "0"},
+        {"/root/networkpartition/disknp@disknp2/device", kInt, "1"},
+        {"/root/server@node1/device@0/info", 63, "6f1c2d3e-0000-4000-8000-000000000003"},
+        {"/root/server@node1/device@1/info", 63, "6f1c2d3e-0000-4000-8000-000000000004"},
+    });
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -243,17 +242,12 @@ TEST_F(XmlStore, OnlyWellFormedRegularFilesOfBoundedSizeAreLoaded)
         SCOPED_TRACE(c.what);
         std::filesystem::remove_all(conf());
         ASSERT_TRUE(c.make(conf()));
-        pid_t pid = fork();
-        if (pid == 0) {
-            alarm(10);
+        EXPECT_EQ(in_child([&] {
             auto [rc, err] = with_stderr([] { return xmllib_init("sdw") == 0 ? xmllib_load_config(1) : -1; });
             // Nothing was loaded: unloading finds nothing.
             write_file(result, std::to_string(rc) + " " + std::to_string(xmllib_unload_config()) + " " + err);
-            _exit(0);
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+            return 0;
+        }, 10), 0);
         std::stringstream got;
         got << std::ifstream(result).rdbuf();
         EXPECT_EQ(got.str(), std::to_string(c.rc) + " " + std::to_string(XMLLIB_E_NOT_READY) + " " + c.err);
