@@ -23,9 +23,7 @@ std::vector<std::string> inserts(const char *format, ...) {
 using Texts = std::vector<std::string>;
 
 TEST(Events, TopTwoBitsGiveSeverityAndSyslogPriority) {
-    EXPECT_STREQ(qmtlog::event_severity(0x40000E45u), "INFORMATION");
-    EXPECT_STREQ(qmtlog::event_severity(0x80000E43u), "WARNING");
-    EXPECT_STREQ(qmtlog::event_severity(0xC0000E44u), "ERROR");
+    // The other three names show in the event lines of test_qmtlog.cpp.
     EXPECT_STREQ(qmtlog::event_severity(0x00000E44u), "SUCCESS");
     EXPECT_EQ(qmtlog::event_syslog_priority(0x40000E45u), LOG_INFO);
     EXPECT_EQ(qmtlog::event_syslog_priority(0x80000E43u), LOG_WARNING);
