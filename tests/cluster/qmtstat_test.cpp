@@ -1,8 +1,6 @@
 // qmtstat run as its own process against segments this test fills: what the plug-in publishes,
 // without a host's status board (the host's side is tested by tests/host/check_lifecycle.sh).
-#include "cluster_test_util.h"
-#include "qmtshm.h"
-#include "qmtshm_admin.h"
+#include "shm_fixture.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -57,13 +55,6 @@ const Cells kHeader{"SERVICE", "NAME", "STATUS", "PROGRESS", "AGE", "OVERDUE", "
 
 class Qmtstat : public ::testing::Test {
 protected:
-    void TearDown() override
-    {
-        while (shmrm_detach() == 0) {
-        }
-        while (shmcm_detach() == 0) {
-        }
-    }
     ShmPrefix shm{"stat"};
 };
 

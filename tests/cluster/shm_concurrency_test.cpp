@@ -1,9 +1,5 @@
 // The resource shared memory under concurrent writers and readers: other processes and threads.
-#include "cluster_test_util.h"
-#include "qmtshm.h"
-#include "qmtshm_admin.h"
-#include "qmtshm_codes.h"
-#include "shm_layout.h"
+#include "shm_fixture.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -99,11 +95,6 @@ bool exited_well(int status) { return WIFEXITED(status) && WEXITSTATUS(status) =
 
 class ResourceShmConcurrency : public ::testing::Test {
 protected:
-    void TearDown() override
-    {
-        while (shmrm_detach() == 0) {
-        }
-    }
     ShmPrefix shm{"rmc"};
 };
 

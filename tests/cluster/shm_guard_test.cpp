@@ -1,18 +1,11 @@
 // The shared memories against what another local user, a damaged segment or a stuck writer can
 // do: modes, owner checks, bounds, bounded waits. The other-user cases run as
 // `nobody` and need root; they are skipped otherwise.
-#include "cluster_test_util.h"
-#include "qmtshm.h"
-#include "qmtshm_admin.h"
-#include "qmtshm_codes.h"
-#include "shm_layout.h"
+#include "shm_fixture.h"
 
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <grp.h>
 #include <signal.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,10 +45,6 @@ class ShmGuard : public ::testing::Test {
 protected:
     void TearDown() override
     {
-        while (shmrm_detach() == 0) {
-        }
-        while (shmcm_detach() == 0) {
-        }
         umask(old_umask_);
         unsetenv("QMT_SHM_GROUP");
     }

@@ -1,8 +1,5 @@
 // The cluster and resource shared memories within one process.
-#include "cluster_test_util.h"
-#include "qmtshm.h"
-#include "qmtshm_admin.h"
-#include "qmtshm_codes.h"
+#include "shm_fixture.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -95,11 +92,6 @@ TEST_F(ClusterShm, SetRatioAdvancesTheGeneration)
 
 class ResourceShm : public ::testing::Test {
 protected:
-    void TearDown() override
-    {
-        while (shmrm_detach() == 0) {
-        }
-    }
     ShmPrefix shm{"rm"};
 };
 

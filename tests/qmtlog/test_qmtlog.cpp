@@ -172,13 +172,17 @@ TEST_F(Log, NullHandleWritesToTheModuleOpenedLastAlsoAfterItsClose) {
 
 // ---- the line ----
 
-TEST_F(Log, LinesShowTimeLevelProcessThreadPlaceAndTextAndEventsPassAnyLevel) {
+TEST_F(Log, LinesShowTimeLevelProcessThreadPlaceAndExactTextAndEventsPassAnyLevel) {
     HANDLE h = open(module(), QMTLOG_WARNING);
     std::time_t before = std::time(nullptr);
     ASSERT_EQ(QmtLogWrite(h, QMTLOG_WARNING, 0, "C:\\build\\server\\sdw\\sdw.cpp", 1234, "InitRscDll",
                           "Already initialized. (Ref=%d)", 1), 0);
     ASSERT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "/src/sdw/sdw_log.cpp", 7, "SdwWriteLog", "%s", "x"), 0);
     ASSERT_EQ(QmtLogWrite(h, QMTLOG_INFO, 0, "/src/sdw/sdw_log.cpp", 8, "SdwWriteLog", "%s", "filtered"), 0);
+    // Text given through %s is written as it is, however long; a line break becomes a blank.
+    const std::string text = "Invalid range (100%->80%) %d %s %n %%", long_text(5000, 'a');
+    for (const std::string &t : {text, long_text, std::string("two\nlines")})
+        ASSERT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 1, "Fn", "%s", t.c_str()), 0);
     ASSERT_EQ(QmtLogWrite(h, QMTLOG_EVENT, 0x80000E43u, "/src/sdw_check.cpp", 300, "SdwMonitor", "%s%d%d%d",
                           "disk1", 60, 48001, 80), 0);
     ASSERT_EQ(QmtLogWrite(h, QMTLOG_EVENT, 0xC0000E44u, "/src/sdw_check.cpp", 310, "SdwMonitor", "%s", "disk1"), 0);
@@ -187,6 +191,9 @@ TEST_F(Log, LinesShowTimeLevelProcessThreadPlaceAndTextAndEventsPassAnyLevel) {
     const Lines want{
         " WRN " + who() + " sdw.cpp:1234 InitRscDll: Already initialized. (Ref=1)",
         " ERR " + who() + " sdw_log.cpp:7 SdwWriteLog: x",
+        " ERR " + who() + " f.cpp:1 Fn: " + text,
+        " ERR " + who() + " f.cpp:1 Fn: " + long_text,
+        " ERR " + who() + " f.cpp:1 Fn: two lines",
         " EVT " + who() + " sdw_check.cpp:300 SdwMonitor: EVENT 3651 WARNING Delayed response from the disk of "
                           "disk1 (time-out 60s, answered in 48001ms, delay ratio 80%)",
         " EVT " + who() + " sdw_check.cpp:310 SdwMonitor: EVENT 3652 ERROR Disk failure of disk1: a disk of the "
@@ -205,16 +212,6 @@ TEST_F(Log, LinesShowTimeLevelProcessThreadPlaceAndTextAndEventsPassAnyLevel) {
         EXPECT_LE(std::mktime(&tm), after) << lines[i];
         EXPECT_EQ(lines[i].substr(23), want[i]);
     }
-}
-
-TEST_F(Log, TextGivenThroughPercentSIsWrittenExactly) {
-    HANDLE h = open(module());
-    std::string text = "Invalid range (100%->80%) %d %s %n %%";
-    ASSERT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 1, "Fn", "%s", text.c_str()), 0);
-    std::string long_text(5000, 'a');
-    ASSERT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 1, "Fn", "%s", long_text.c_str()), 0);
-    ASSERT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 1, "Fn", "%s", "two\nlines"), 0);
-    EXPECT_EQ(texts_of(module()), (Lines{text, long_text, "two lines"}));
 }
 
 // ---- rotation ----
