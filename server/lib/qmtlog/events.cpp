@@ -6,8 +6,6 @@
 
 #include "qmtlog_internal.h"
 
-#include <syslog.h>
-
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
@@ -41,14 +39,6 @@ const char *event_severity(DWORD event_id) {
     case 2: return "WARNING";
     case 3: return "ERROR";
     default: return "SUCCESS";
-    }
-}
-
-int event_syslog_priority(DWORD event_id) {
-    switch (event_id >> 30) {
-    case 2: return LOG_WARNING;
-    case 3: return LOG_ERR;
-    default: return LOG_INFO;
     }
 }
 

@@ -18,6 +18,7 @@ const char *base_name(const char *path);
 
 // Event identifiers carry the severity in their top two bits and the number in the low 16.
 const char *event_severity(DWORD event_id);
+// Its syslog priority (POSIX only).
 int event_syslog_priority(DWORD event_id);
 
 // Takes one value per conversion of an insert format such as "%s%d%d%d" and renders each.

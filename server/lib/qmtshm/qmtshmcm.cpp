@@ -12,10 +12,13 @@ namespace {
 
 using namespace qmtshm;
 
+// Made when the library is loaded, not on first use: the guard of a first-use static would keep a
+// system handle that outlives the unloaded DLL on Windows.
+Attachment g_att;
+
 Attachment &att()
 {
-    static Attachment a;
-    return a;
+    return g_att;
 }
 
 void setup_cm(void *addr)

@@ -5,10 +5,8 @@
 #include "qmtshm_codes.h"
 #include "shm_layout.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <map>
 #include <mutex>
 #include <shared_mutex>
@@ -20,21 +18,13 @@ using namespace qmtshm;
 // How long a writer waits for another writer's hold on the table before it gives up.
 constexpr long kLockWaitMs = 2000;
 
+// Made when the library is loaded, not on first use: the guard of a first-use static would keep a
+// system handle that outlives the unloaded DLL on Windows.
+Attachment g_att;
+
 Attachment &att()
 {
-    static Attachment a;
-    return a;
-}
-
-void setup_rm(void *addr)
-{
-    auto *seg = static_cast<RmHeader *>(addr);
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-    pthread_mutex_init(&seg->mutex, &attr);
-    pthread_mutexattr_destroy(&attr);
+    return g_att;
 }
 
 // QMT_SHM_ENTRIES, when set, sizes a new table.
@@ -52,7 +42,7 @@ uint32_t create_capacity()
 
 Layout rm_layout()
 {
-    return Layout{kMagicRm, kRmHeaderSize, sizeof(RmEntry), create_capacity(), setup_rm};
+    return Layout{kMagicRm, kRmHeaderSize, sizeof(RmEntry), create_capacity(), writer_lock_init};
 }
 
 RmHeader *seg(Attachment &a)
@@ -112,27 +102,19 @@ bool is_free(const RmEntry &e)
 // an entry half written: its sequence is closed so that readers are not kept waiting.
 int lock_writer(Attachment &a)
 {
-    RmHeader *s = seg(a);
-    // Try-lock with a bounded wait rather than a timed lock: a timed lock that reports a dead
-    // owner is not understood by the thread checker, a try-lock is.
-    int rc = pthread_mutex_trylock(&s->mutex);
-    for (long waited_us = 0; rc == EBUSY && waited_us < kLockWaitMs * 1000; waited_us += 200) {
-        struct timespec pause {0, 200000};
-        nanosleep(&pause, nullptr);
-        rc = pthread_mutex_trylock(&s->mutex);
-    }
-    if (rc == EOWNERDEAD) {
-        RmEntry *entries = rm_entries(s);
+    LockResult r = writer_lock_acquire(a.map, kLockWaitMs);
+    if (r == LockResult::owner_died) {
+        RmEntry *entries = rm_entries(seg(a));
         for (uint32_t i = 0; i < a.capacity; ++i) {
             uint32_t q = entries[i].seq.load(std::memory_order_relaxed);
             if (q & 1u)
                 entries[i].seq.store(q + 1, std::memory_order_release);
         }
-        rc = pthread_mutex_consistent(&s->mutex);
+        r = writer_lock_consistent(a.map) ? LockResult::locked : LockResult::failed;
     }
-    if (rc == EBUSY)
+    if (r == LockResult::timeout)
         return QMTSHM_E_TIMEOUT;
-    return rc == 0 ? 0 : QMTSHM_E_SYSTEM;
+    return r == LockResult::locked ? 0 : QMTSHM_E_SYSTEM;
 }
 
 bool valid_key(const char *type, const char *name)
@@ -200,7 +182,7 @@ template <class F> int update(const char *type, const char *name, F &&change)
     RmData d;
     int idx = find_or_add(a, type, name, d);
     if (idx < 0) {
-        pthread_mutex_unlock(&seg(a)->mutex);
+        writer_lock_release(a.map);
         return QMTSHM_E_TABLE_FULL;
     }
     change(d);
@@ -208,7 +190,7 @@ template <class F> int update(const char *type, const char *name, F &&change)
     d.writer_pid = self_pid();
     d.writer_start = self_start();
     write_entry(rm_entries(seg(a))[idx], d);
-    pthread_mutex_unlock(&seg(a)->mutex);
+    writer_lock_release(a.map);
     return 0;
 }
 

@@ -2,18 +2,18 @@
 // Shared by qmtshmcm and qmtshmrm (each gets its own copy, hidden), the tests and the fuzz target.
 //
 // Trust: a segment is used only when it is a regular file owned by this user, writable by nobody
-// else, and its header describes exactly the layout this code was built with. Everything read from
+// else (on Windows: a mapping whose default security admits this account and the system alone),
+// and its header describes exactly the layout this code was built with. Everything read from
 // a segment is still bounded before use (capacity from the header and the file size, text fields
 // cut at their slot, lengths clamped), so a damaged segment gives an error, never a crash.
 #pragma once
 
-#include <pthread.h>
-#include <sys/types.h>
+#include "qmtlib_sync.h"
+#include "shm_platform.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -83,10 +83,11 @@ struct RmEntry {
 // The resource segment's header; `capacity` entries follow at hdr.header_size.
 struct RmHeader {
     Header hdr;
-    pthread_mutex_t mutex;  // process-shared, robust: serialises writers
+    WriterLock mutex;  // serialises writers (shm_platform.h)
 };
 inline constexpr size_t kRmHeaderSize = (sizeof(RmHeader) + 63) / 64 * 64;
 
+static_assert(kRmHeaderSize == 128, "the same layout on every system");
 static_assert(std::atomic<uint64_t>::is_always_lock_free);
 static_assert(std::atomic<uint32_t>::is_always_lock_free);
 
@@ -103,14 +104,6 @@ inline const RmEntry *rm_entries(const void *seg)
     return reinterpret_cast<const RmEntry *>(static_cast<const char *>(seg) + kRmHeaderSize);
 }
 
-// "<prefix>_cm" / "<prefix>_rm", the prefix from QMT_SHM_NAME (default "/qmt").
-std::string segment_name(const char *suffix);
-
-struct Mapping {
-    void *addr = nullptr;
-    size_t size = 0;
-};
-
 // What a segment of one kind must look like: its magic, its fixed part, and for a table its entry
 // size and the capacity to create it with.
 struct Layout {
@@ -124,17 +117,9 @@ struct Layout {
 // (0 for a segment without entries) or -1 when anything is off.
 long check_header(const void *mem, size_t available, const Layout &layout);
 
-// Creates the segment (O_EXCL, mode 0600 or 0640 for the group QMT_SHM_GROUP) or opens an existing
-// one that passes the owner and layout checks, and maps it read-write. Returns 0 or a QMTSHM_E_ code.
-int map_create(const std::string &name, const Layout &layout, Mapping &out);
-// Maps an existing segment read-only after the same checks, except that its owner may be another
-// user as long as nobody else can write it; never creates. Returns 0 or a QMTSHM_E_ code.
-int map_existing(const std::string &name, const Layout &layout, Mapping &out);
-void unmap(Mapping &m);
-
 // One process's attachment to a segment: every attach shares one mapping, counted.
 struct Attachment {
-    std::shared_mutex mu;  // exclusive for attach/detach, shared for use of the mapping
+    qmtlib::SharedMutex mu;  // exclusive for attach/detach, shared for use of the mapping
     int refs = 0;
     Mapping map;
     // The writer's memory of where each of its resources' entries is ("type\0name" to index).
@@ -146,19 +131,6 @@ struct Attachment {
 // last detach unmaps. A detach without attach returns QMTSHM_E_NOT_ATTACHED and does nothing else.
 int attach_locked(Attachment &a, const char *suffix, const Layout &layout);
 int detach_locked(Attachment &a);
-bool segment_exists(const std::string &name);
-
-int64_t wall_ms();
-uint32_t tick_ms();
-
-// Start time of a process (clock ticks after boot, from /proc), 0 when it does not exist.
-uint64_t process_start(pid_t pid);
-// This process's pid and start time.
-pid_t self_pid();
-uint64_t self_start();
-// Whether the process named by pid and start time still runs. A process whose details cannot be
-// read for lack of rights is taken as alive.
-bool process_alive(int32_t pid, uint64_t start);
 
 // Copies one entry out under its seqlock; false when no stable copy came within a few tries.
 bool read_entry(const RmEntry &e, RmData &out);

@@ -1,9 +1,7 @@
 // qmtutil.cpp - the cluster's utility library: the local server's name.
 #include "qmtutil.h"
+#include "qmtutil_platform.h"
 
-#include <unistd.h>
-
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -24,10 +22,8 @@ extern "C" QMTUTIL_API int WINAPI cs_gethostname(char *buffer, int size, int fla
     if (env && *env) {
         name = env;
     } else {
-        char host[HOST_NAME_MAX + 1] = {};
-        if (gethostname(host, sizeof host - 1) != 0)
+        if (!qmtutil::system_host_name(name))
             return QMTUTIL_E_SYSTEM;
-        name = host;
         // The cluster knows a server by its short name.
         size_t dot = name.find('.');
         if (dot != std::string::npos)

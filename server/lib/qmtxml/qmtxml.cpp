@@ -1,18 +1,16 @@
 // qmtxml.cpp - the cluster configuration store: the cluster configuration and the policies as
 // XML documents, read by key paths.
 //
-// Files: $QMT_CONF_DIR (default /etc/qmt)/clp.conf and $QMT_CONF_DIR/policy/<type>.xml.
+// Files: $QMT_CONF_DIR/clp.conf and $QMT_CONF_DIR/policy/<type>.xml; without QMT_CONF_DIR the
+// folder is /etc/qmt, or %ProgramData%\qmt on Windows.
 // A key is answered by the cluster configuration first, then by the policies in load order.
 #include "qmtxml.h"
 
 #include "keypath.h"
+#include "qmtlib_sync.h"
 #include "qmtxml_codes.h"
+#include "xml_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -26,22 +24,8 @@
 
 namespace {
 
+using qmtxml::FileId;
 using qmtxml::Segment;
-
-// What identifies one version of a file: a reload re-reads only when this changes.
-struct FileId {
-    dev_t dev = 0;
-    ino_t ino = 0;
-    off_t size = 0;
-    long long mtime_ns = 0;
-    bool operator==(const FileId &) const = default;
-};
-
-FileId file_id(const struct stat &st)
-{
-    return {st.st_dev, st.st_ino, st.st_size,
-            static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
-}
 
 // A parsed document with the index of its walks.
 struct Doc {
@@ -57,64 +41,43 @@ struct Loaded {
 };
 
 struct Store {
-    std::mutex admin;        // serialises init, term, loads, unloads and reloads
-    std::shared_mutex docs;  // readers against the swap of a document
+    qmtlib::Mutex admin;        // serialises init, term, loads, unloads and reloads
+    qmtlib::SharedMutex docs;  // readers against the swap of a document
     bool initialised = false;
     std::string type;
     std::optional<Loaded> config;
     std::vector<Loaded> policies;  // in load order
 };
 
+// Made when the library is loaded, not on first use: the guard of a first-use static would keep a
+// system handle that outlives the unloaded DLL on Windows.
+Store g_store;
+
 Store &store()
 {
-    static Store s;
-    return s;
+    return g_store;
 }
 
 std::string conf_dir()
 {
     const char *d = std::getenv("QMT_CONF_DIR");
-    return d && *d ? std::string(d) : std::string("/etc/qmt");
+    return d && *d ? std::string(d) : qmtxml::default_conf_dir();
 }
 
-// Reads and parses one file; messages name the file (and the line of a parse error). Only a
-// regular file of at most kMaxFileSize bytes is read: a device, a FIFO or a file without end would
-// otherwise exhaust memory or block for ever. The open does not wait for a FIFO's writer.
+// Reads and parses one file; messages name the file (and the line of a parse error).
 int load_file(const std::string &path, Loaded &out)
 {
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        int err = errno;
-        std::fprintf(stderr, "qmtxml: cannot open %s: %s\n", path.c_str(), std::strerror(err));
+    std::string text, why;
+    FileId id;
+    switch (qmtxml::read_file(path, text, id, why)) {
+    case qmtxml::ReadResult::open_failed:
+        std::fprintf(stderr, "qmtxml: cannot open %s: %s\n", path.c_str(), why.c_str());
         return XMLLIB_E_FILE_NOT_FOUND;
-    }
-    struct stat st {};
-    std::string text;
-    const char *why = nullptr;
-    if (::fstat(fd, &st) != 0)
-        why = std::strerror(errno);
-    else if (!S_ISREG(st.st_mode))
-        why = "not a regular file";
-    else if (st.st_size > XMLLIB_MAX_FILE_SIZE)
-        why = "larger than " XMLLIB_MAX_FILE_SIZE_TEXT;
-    while (!why) {
-        char chunk[65536];
-        ssize_t n = ::read(fd, chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            why = std::strerror(errno);
-        else if (n == 0)
-            break;
-        else if (text.size() + static_cast<size_t>(n) > size_t{XMLLIB_MAX_FILE_SIZE})
-            why = "larger than " XMLLIB_MAX_FILE_SIZE_TEXT;  // it grew while being read
-        else
-            text.append(chunk, static_cast<size_t>(n));
-    }
-    ::close(fd);
-    if (why) {
-        std::fprintf(stderr, "qmtxml: cannot read %s: %s\n", path.c_str(), why);
+    case qmtxml::ReadResult::read_failed:
+        std::fprintf(stderr, "qmtxml: cannot read %s: %s\n", path.c_str(), why.c_str());
         return XMLLIB_E_FILE_NOT_FOUND;
+    case qmtxml::ReadResult::ok:
+        break;
     }
     auto doc = std::make_shared<Doc>();
     std::string error;
@@ -125,7 +88,7 @@ int load_file(const std::string &path, Loaded &out)
     doc->index = std::make_unique<qmtxml::Index>(doc->xml);
     out.path = path;
     out.doc = std::move(doc);
-    out.id = file_id(st);
+    out.id = id;
     return 0;
 }
 
@@ -270,14 +233,14 @@ QMTXML_API int WINAPI xmllib_reload_config(int mode)
     if (!s.initialised || !s.config)
         return XMLLIB_E_NOT_READY;
     const std::string path = s.config->path;
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) {
-        int err = errno;
+    FileId now;
+    std::string why;
+    if (!qmtxml::stat_file(path, now, why)) {
         std::fprintf(stderr, "qmtxml: cannot stat %s: %s (keeping the loaded configuration)\n",
-                     path.c_str(), std::strerror(err));
+                     path.c_str(), why.c_str());
         return XMLLIB_E_FILE_NOT_FOUND;
     }
-    if (file_id(st) == s.config->id)
+    if (now == s.config->id)
         return 0;  // unchanged: the common case, one stat and nothing more
     Loaded l;
     int rc = load_file(path, l);

@@ -11,7 +11,9 @@
 extern "C" {
 #endif
 
-#ifdef _WIN32
+#if defined(_WIN32) && defined(QMTLOG_BUILDING)
+#define QMTLOG_API /* the library's .def file exports it */
+#elif defined(_WIN32)
 #define QMTLOG_API __declspec(dllimport)
 #else
 #define QMTLOG_API __attribute__((visibility("default")))

@@ -11,7 +11,9 @@
 extern "C" {
 #endif
 
-#ifdef _WIN32
+#if defined(_WIN32) && defined(QMTSHM_BUILDING)
+#define QMTSHM_API /* the library's .def file exports it */
+#elif defined(_WIN32)
 #define QMTSHM_API __declspec(dllimport)
 #else
 #define QMTSHM_API __attribute__((visibility("default")))

@@ -11,7 +11,9 @@
 extern "C" {
 #endif
 
-#ifdef _WIN32
+#if defined(_WIN32) && defined(QMTUTIL_BUILDING)
+#define QMTUTIL_API /* the library's .def file exports it */
+#elif defined(_WIN32)
 #define QMTUTIL_API __declspec(dllimport)
 #else
 #define QMTUTIL_API __attribute__((visibility("default")))

@@ -11,7 +11,9 @@
 extern "C" {
 #endif
 
-#ifdef _WIN32
+#if defined(_WIN32) && defined(QMTXML_BUILDING)
+#define QMTXML_API /* the library's .def file exports it */
+#elif defined(_WIN32)
 #define QMTXML_API __declspec(dllimport)
 #else
 #define QMTXML_API __attribute__((visibility("default")))

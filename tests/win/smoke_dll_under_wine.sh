@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# smoke_dll_under_wine.sh SRC BUILD: cross-builds the plug-in DLL, the cluster libraries' DLLs
+# and the smoke program, runs the program under Wine in a Wine prefix of its own against a copy
+# of the host tests' configuration, and compares the plug-in's lines in sdw.log with
+# smoke_sdw_log.txt (time stamps, process and thread ids, source lines and handles masked).
+# Exits 77 (skipped) where Wine is not installed. Everything it makes is removed on every exit.
+set -uo pipefail
+src=$1 build=$2
+here=$(cd "$(dirname "$0")" && pwd)
+if ! command -v wine >/dev/null || ! command -v wineserver >/dev/null; then
+  echo "wine is not installed: skipped"; exit 77
+fi
+bash "$src/scripts/win-build.sh" "$src" "$build" qmtsdw qmtlog qmtxml qmtshmcm qmtshmrm qmtutil qmt_smoke_dll ||
+  { echo "cross build failed"; exit 1; }
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/qmt-wine-XXXXXX")
+export WINEPREFIX=$work/prefix
+# No debugger, no desktop integration, no .NET or HTML engine to offer: a quiet, quick prefix.
+export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d" DISPLAY=
+cleanup() {
+  timeout 30 wineserver -k >/dev/null 2>&1
+  timeout 30 wineserver -w >/dev/null 2>&1
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
+cp -r "$src/tests/host/conf" "$work/conf"
+mkdir -p "$work/log"
+export QMT_CONF_DIR=$(winpath "$work/conf") QMT_LOG_DIR=$(winpath "$work/log") QMT_HOSTNAME=node1
+export QMT_SHM_NAME="qmtwinsmoke$$"
+
+start=$(date +%s%N)
+timeout -k 10 240 wine "$build/bin/qmt_smoke_dll.exe" 2>&1 | tr -d '\r'
+rc=${PIPESTATUS[0]}
+echo "wine run (with a new prefix): $(( ($(date +%s%N) - start) / 1000000 )) ms"
+[ "$rc" -eq 0 ] || { echo "the smoke program failed (exit $rc)"; exit 1; }
+
+[ -f "$work/log/sdw.log" ] || { echo "no sdw.log was written"; ls -la "$work/log"; exit 1; }
+actual=$(sed -E -e 's/^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3} ([A-Z0-9]+) [0-9]+\/[0-9]+ ([^ :]+):[0-9]+ /\1 \2 /' \
+                -e 's/((Handle|handle|H[A-Za-z]*)=)(0x)?[0-9A-Fa-f]+/\1#/g' "$work/log/sdw.log")
+expected=$(grep -v '^#' "$here/smoke_sdw_log.txt")
+if [ "$actual" != "$expected" ]; then
+  echo "sdw.log differs from smoke_sdw_log.txt:"
+  diff <(printf '%s\n' "$expected") <(printf '%s\n' "$actual")
+  exit 1
+fi
+echo "sdw.log: $(printf '%s\n' "$actual" | wc -l) lines as expected"
