@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # deps.sh [build|cluster]: installs the Debian packages that are missing, quietly. "build": only
 # what configuring and building the programs needs (the demo); "cluster": only the cluster stack
-# and packaging tools of the cluster stage; default: what building, the tests, the sanitizer runs
-# and the Windows cross-build need.
+# and packaging tools of the cluster stage; default: what building, the tests, the sanitizer runs,
+# the Windows cross-build and its tests under Wine need (64-bit Wine alone: wine64 and the wine
+# launcher, without recommends, some 23 small packages).
 set -euo pipefail
 need=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev libcli11-dev
       nlohmann-json3-dev libblkid-dev libfuse3-dev)
@@ -13,7 +14,7 @@ case "${1:-}" in
           iproute2) ;;
   *)
     need+=(clang libclang-rt-14-dev fuse3 g++-mingw-w64-x86-64 gcc-mingw-w64-x86-64 binutils-mingw-w64-x86-64
-           e2fsprogs util-linux jq) ;;
+           e2fsprogs util-linux jq wine wine64) ;;
 esac
 missing=()
 for p in "${need[@]}"; do
