@@ -8,26 +8,10 @@
 set -uo pipefail
 src=$1 build=$2
 here=$(cd "$(dirname "$0")" && pwd)
-if ! command -v wine >/dev/null || ! command -v wineserver >/dev/null; then
-  [ "${QMT_REQUIRE_WINE:-0}" = 1 ] && { echo "wine is not installed"; exit 1; }
-  echo "wine is not installed: skipped"; exit 77
-fi
+. "$here/wine_env.sh"
 bash "$src/scripts/win-build.sh" "$src" "$build" qmtsdw qmtlog qmtxml qmtshmcm qmtshmrm qmtutil qmt_smoke_dll ||
   { echo "cross build failed"; exit 1; }
 
-work=$(mktemp -d "${TMPDIR:-/tmp}/qmt-wine-XXXXXX")
-export WINEPREFIX=$work/prefix
-# No debugger, no desktop integration, no .NET or HTML engine to offer: a quiet, quick prefix.
-export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d" DISPLAY=
-cleanup() {
-  timeout 30 wineserver -k >/dev/null 2>&1
-  timeout 30 wineserver -w >/dev/null 2>&1
-  rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
-winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
 cp -r "$src/tests/host/conf" "$work/conf"
 mkdir -p "$work/log"
 export QMT_CONF_DIR=$(winpath "$work/conf") QMT_LOG_DIR=$(winpath "$work/log") QMT_HOSTNAME=node1

@@ -5,12 +5,27 @@
 
 #include <windows.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace qmtxml {
 
+// The texts of the common failures are the C library's, as on POSIX, so that the messages read
+// the same on every system; the others are the system's own.
 static std::string error_text(DWORD err)
 {
+    switch (err) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_INVALID_NAME:
+        return std::strerror(ENOENT);
+    case ERROR_ACCESS_DENIED:
+    case ERROR_SHARING_VIOLATION:
+        return std::strerror(EACCES);
+    default:
+        break;
+    }
     char buf[256] = {};
     DWORD n = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, err, 0, buf,
                              sizeof buf, nullptr);
