@@ -211,8 +211,6 @@ void set_status_text(int status, const std::string &text) {
 
 bool string_table_loaded() { return locked([](State &s) { return s.table_loaded; }); }
 bool log_open() { return locked([](State &s) { return s.log_open; }); }
-HANDLE log_handle() { return kLogHandle; }
-HANDLE string_table_handle() { return kTableHandle; }
 
 void set_int(const std::string &key, int value) {
     locked([&](State &s) { s.texts.erase(key), s.ints[key] = value; });
@@ -249,10 +247,6 @@ std::vector<int> progress(const std::string &type, const std::string &name) {
         auto it = s.progress.find(type + "|" + name);
         return it == s.progress.end() ? std::vector<int>() : it->second;
     });
-}
-
-void set_hostname(const std::string &name) {
-    locked([&](State &s) { s.hostname = name; });
 }
 
 }  // namespace doubles

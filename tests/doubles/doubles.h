@@ -70,10 +70,6 @@ void set_status_text(int status, const std::string &text);
 bool string_table_loaded();
 bool log_open();
 
-// The fixed handles QmtLogOpen and QmtLoadStringTable hand out.
-HANDLE log_handle();
-HANDLE string_table_handle();
-
 // ---- qmtxml ----
 // Values answered by xmllib_get_value (kind 1 for ints, kind 0 for texts; a text longer than the
 // caller's size fails with 122 and leaves *size as the needed size).
@@ -95,9 +91,6 @@ bool rm_attached();
 // Last description and progress published for "type|name".
 std::string description(const std::string &type, const std::string &name);
 std::vector<int> progress(const std::string &type, const std::string &name);
-
-// ---- qmtutil ----
-void set_hostname(const std::string &name);
 
 // Call.args of each function, fields joined by '|':
 //   QmtLogOpen "module|level|size|reserved|mutex", QmtLogSetSettings "module|level|size|reserved",

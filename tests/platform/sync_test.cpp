@@ -20,6 +20,30 @@ using ThreadTest = PlatformTest;
 using WaitTest = PlatformTest;
 using HandleTest = PlatformTest;
 
+// Another thread that takes `m` and holds it until let_go(); it then releases the mutex, or, when
+// told to abandon it, just ends. Joined when it goes out of scope.
+struct OtherOwner {
+    HANDLE go = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    HANDLE thread;
+    OtherOwner(HANDLE m, bool release) {
+        HANDLE taken = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        thread = StartThread([m, release, taken, go = go] {
+            WaitForSingleObject(m, 0);
+            SetEvent(taken);
+            WaitForSingleObject(go, kBound);
+            if (release) ReleaseMutex(m);
+        });
+        EXPECT_EQ(WaitForSingleObject(taken, kBound), WAIT_OBJECT_0);
+        CloseHandle(taken);
+    }
+    void let_go() { SetEvent(go); }
+    ~OtherOwner() {
+        let_go();
+        JoinThread(thread);
+        CloseHandle(go);
+    }
+};
+
 // ---- Mutexes ------------------------------------------------------------------------------
 
 TEST_F(MutexTest, OwnershipIsRecursiveAndOnlyTheOwnerReleases) {
@@ -83,25 +107,17 @@ TEST_F(MutexTest, AbandonedOnceWhenTheOwnerThreadEnds) {
 
 TEST_F(MutexTest, WaiterBlockedOnOwnedMutexGetsAbandonedWhenOwnerEnds) {
     HANDLE m = CreateMutexA(nullptr, FALSE, nullptr);
-    HANDLE go = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE taken = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE owner = StartThread([&] {
-        WaitForSingleObject(m, 0);
-        SetEvent(taken);
-        WaitForSingleObject(go, kBound);
-    });
-    ASSERT_EQ(WaitForSingleObject(taken, kBound), WAIT_OBJECT_0);
     DWORD result = 0;
-    HANDLE waiter = StartThread([&] {
-        result = WaitForSingleObject(m, kBound);
-        ReleaseMutex(m);
-    });
-    SetEvent(go);
-    JoinThread(owner);
-    JoinThread(waiter);
+    {
+        OtherOwner owner(m, false);
+        HANDLE waiter = StartThread([&] {
+            result = WaitForSingleObject(m, kBound);
+            ReleaseMutex(m);
+        });
+        owner.let_go();
+        JoinThread(waiter);
+    }
     EXPECT_EQ(result, WAIT_ABANDONED);
-    EXPECT_TRUE(CloseHandle(taken));
-    EXPECT_TRUE(CloseHandle(go));
     EXPECT_TRUE(CloseHandle(m));
 }
 
@@ -268,16 +284,8 @@ TEST_F(WaitTest, AnyOverAMixOfKindsTakesOnlyTheObjectItReturns) {
     HANDLE m = CreateMutexA(nullptr, FALSE, nullptr);
     HANDLE ev = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     HANDLE tm = CreateWaitableTimerA(nullptr, FALSE, nullptr);
-    HANDLE hold = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE taken = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE th = StartThread([&] {
-        WaitForSingleObject(m, 0);
-        SetEvent(taken);
-        WaitForSingleObject(hold, kBound);
-        ReleaseMutex(m);
-    });
-    ASSERT_EQ(WaitForSingleObject(taken, kBound), WAIT_OBJECT_0);
-    const HANDLE hs[] = {m, ev, tm, th};
+    OtherOwner owner(m, true);
+    const HANDLE hs[] = {m, ev, tm, owner.thread};
     EXPECT_EQ(WaitForMultipleObjects(4, hs, FALSE, 20), WAIT_TIMEOUT);
 
     const LARGE_INTEGER due = DueIn(10);
@@ -285,13 +293,13 @@ TEST_F(WaitTest, AnyOverAMixOfKindsTakesOnlyTheObjectItReturns) {
     EXPECT_EQ(WaitForMultipleObjects(4, hs, FALSE, kBound), WAIT_OBJECT_0 + 2);
     EXPECT_TRUE(SetEvent(ev));
     EXPECT_EQ(WaitForMultipleObjects(4, hs, FALSE, kBound), WAIT_OBJECT_0 + 1);
-    EXPECT_TRUE(SetEvent(hold));
+    owner.let_go();
     // The thread releases the mutex and ends; the mutex (index 0) is returned first.
     EXPECT_EQ(WaitForMultipleObjects(4, hs, FALSE, kBound), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(th, kBound), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(owner.thread, kBound), WAIT_OBJECT_0);
     EXPECT_TRUE(ReleaseMutex(m));
     EXPECT_FALSE(ReleaseMutex(m));
-    for (HANDLE h : {m, ev, tm, hold, taken, th})
+    for (HANDLE h : {m, ev, tm})
         EXPECT_TRUE(CloseHandle(h));
 }
 
@@ -321,24 +329,17 @@ TEST_F(WaitTest, AllTakesNothingUntilEverythingIsReady) {
     HANDLE m = CreateMutexA(nullptr, FALSE, nullptr);
     HANDLE ev = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     const HANDLE hs[] = {m, ev};
-    // With the mutex held elsewhere, a signalled auto-reset event is left signalled.
-    HANDLE hold = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE taken = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE th = StartThread([&] {
-        WaitForSingleObject(m, 0);
-        SetEvent(taken);
-        WaitForSingleObject(hold, kBound);
-        ReleaseMutex(m);
-    });
-    ASSERT_EQ(WaitForSingleObject(taken, kBound), WAIT_OBJECT_0);
-    EXPECT_TRUE(SetEvent(ev));
-    EXPECT_EQ(WaitForMultipleObjects(2, hs, TRUE, 20), WAIT_TIMEOUT);
-    EXPECT_TRUE(SetEvent(hold));
-    EXPECT_EQ(WaitForMultipleObjects(2, hs, TRUE, kBound), WAIT_OBJECT_0);
-    JoinThread(th);
+    {
+        // With the mutex held elsewhere, a signalled auto-reset event is left signalled.
+        OtherOwner owner(m, true);
+        EXPECT_TRUE(SetEvent(ev));
+        EXPECT_EQ(WaitForMultipleObjects(2, hs, TRUE, 20), WAIT_TIMEOUT);
+        owner.let_go();
+        EXPECT_EQ(WaitForMultipleObjects(2, hs, TRUE, kBound), WAIT_OBJECT_0);
+    }
     EXPECT_EQ(WaitForSingleObject(ev, 0), WAIT_TIMEOUT);
     EXPECT_TRUE(ReleaseMutex(m));
-    for (HANDLE h : {m, ev, hold, taken})
+    for (HANDLE h : {m, ev})
         EXPECT_TRUE(CloseHandle(h));
 }
 

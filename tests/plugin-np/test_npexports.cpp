@@ -66,7 +66,6 @@ TEST_F(NpExportsTest, InitialisesInOrderAndTearsDownInReverse)
     EXPECT_EQ(doubles::calls().back().log, nullptr);
 }
 
-
 // Each step of the initialisation failing in turn: its message, the result 1, and the whole
 // unwinding in reverse order. What was never loaded answers 5; that is logged and the unwinding
 // goes on.
@@ -113,26 +112,6 @@ TEST_F(NpExportsTest, EveryFailingStepSaysWhichAndUnwindsEverything)
         EXPECT_EQ(gsdwInitCount, 0u);
         EXPECT_EQ(gsdwhLog, nullptr);
     }
-}
-
-TEST_F(NpExportsTest, ConfigurationWithoutResourcesFailsTheInitialisation)
-{
-    configure({});
-    EXPECT_EQ(InitNpRscDll("qmtsdw", 0, 0), 1u);
-    EXPECT_TRUE(logged("2|SdwGetNpConfig|Unregistered monitor. (Size=0)"));
-    EXPECT_TRUE(logged("1|InitNpRscDll|SdwGetNpConfig() failed. (Ret=99)"));
-    EXPECT_FALSE(doubles::log_open());
-    EXPECT_TRUE(doubles::policies_loaded().empty());
-    EXPECT_EQ(gsdwlpRsc, nullptr);
-}
-
-TEST_F(NpExportsTest, StatusOfAStoppedResourceIs99WithoutReadingTheConfiguration)
-{
-    init();
-    doubles::clear_calls();
-    EXPECT_EQ(DoNpMontr("disknp", "np2"), 99u);
-    EXPECT_EQ(gsdwlpRsc[1].result, 99);
-    EXPECT_TRUE(doubles::service_calls().empty());
 }
 
 TEST_F(NpExportsTest, StatusRereadsTheSettingsAndTheRatio)
@@ -212,6 +191,11 @@ TEST_F(NpExportsTest, StartingARunningWorkerCreatesNothing)
     // Stopping again: nothing to stop.
     EXPECT_EQ(stop("np1"), 0u);
     EXPECT_TRUE(logged("1|SdwDestroyMonitor|Not monitoring. (Name=np1 Hdl=0 Tid=" + hexnum(r->thread_id) + ")"));
+    // A stopped resource is 99, answered without reading the configuration.
+    doubles::clear_calls();
+    EXPECT_EQ(DoNpMontr("disknp", "np1"), 99u);
+    EXPECT_EQ(r->result, 99);
+    EXPECT_TRUE(doubles::service_calls().empty());
 }
 
 TEST_F(NpExportsTest, TeardownStopsEveryRunningWorker)

@@ -141,9 +141,6 @@ TEST_F(PendingProbe, HangStaysPendingUntilReleased) {
 
 using DetachedProbe = SimTest;
 
-// CancelIo ends a pending probe as aborted before it returns, and leaves one that already
-// completed as it was.
-
 // CancelIo ends a pending probe as aborted before it returns; closing the handle instead touches
 // neither the block nor the event. Either way the caller may then free both while the disk still
 // holds the probe.
