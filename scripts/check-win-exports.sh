@@ -3,11 +3,12 @@
 # qmtsdw.dll exports every name of qmtsdw.def at its ordinal and nothing else, and imports the
 # cluster libraries by ordinal only; each cluster library's DLL exports exactly the ordinals of
 # its .def file, by ordinal alone; and every DLL imports only system DLLs and the cluster
-# libraries, so none needs a compiler runtime DLL beside it.
+# libraries, so none needs a compiler runtime DLL beside it. The plug-in's test variant
+# qmtsdw_seam.dll exports the same names and its seam's installer, which no other DLL exports.
 set -euo pipefail
 src=$1 build=$2
 libs=(qmtlog/qmtlog qmtxml/qmtxml qmtshm/qmtshmcm qmtshm/qmtshmrm qmtutil/qmtutil)
-bash "$src/scripts/win-build.sh" "$src" "$build" qmtsdw qmtlog qmtxml qmtshmcm qmtshmrm qmtutil
+bash "$src/scripts/win-build.sh" "$src" "$build" qmtsdw qmtsdw_seam qmtlog qmtxml qmtshmcm qmtshmrm qmtutil
 
 dll_of() {
   local dll; dll=$(find "$build" -name "$1.dll" | head -n 1)
@@ -32,26 +33,29 @@ imports_ok() {
   [ -z "$bad" ] || { echo "$name.dll imports DLLs that are not the system's: $bad"; return 1; }
 }
 
-# The plug-in: names at their ordinals.
-dll=$(dll_of qmtsdw)
-dump=$(x86_64-w64-mingw32-objdump -p "$dll")
-base=$(printf '%s\n' "$dump" | sed -n 's/^Ordinal Base[[:space:]]*\([0-9]*\).*/\1/p' | head -n 1)
-actual=$(named_exports "$dump" | awk -v base="${base:-1}" '{ print $1 + base, $2 }' | sort -n)
-expected=$(def_entries "$src/server/monitor/sdw/qmtsdw.def")
-if [ "$actual" != "$expected" ]; then
-  echo "export table differs from qmtsdw.def"; echo "expected:"; echo "$expected"; echo "actual:"; echo "$actual"
-  exit 1
-fi
-for def in "${libs[@]}"; do
-  lib=${def#*/}
-  section=$(printf '%s\n' "$dump" | sed -n "/DLL Name: $lib.dll/,/^$/p")
-  [ -n "$section" ] || { echo "$lib.dll is not imported"; exit 1; }
-  if printf '%s\n' "$section" | grep -Eq '^[[:space:]]+[0-9a-f]+[[:space:]]+[0-9]+[[:space:]]+[A-Za-z_]'; then
-    echo "$lib.dll is imported by name, not by ordinal:"; printf '%s\n' "$section"; exit 1
+# The plug-in and its test variant: names at their ordinals.
+for plugin in qmtsdw_seam qmtsdw; do
+  dll=$(dll_of $plugin)
+  dump=$(x86_64-w64-mingw32-objdump -p "$dll")
+  base=$(printf '%s\n' "$dump" | sed -n 's/^Ordinal Base[[:space:]]*\([0-9]*\).*/\1/p' | head -n 1)
+  actual=$(named_exports "$dump" | awk -v base="${base:-1}" '{ print $1 + base, $2 }' | sort -n)
+  expected=$(def_entries "$src/server/monitor/sdw/qmtsdw.def")
+  [ $plugin = qmtsdw_seam ] && expected=$(printf '%s\n10 qmtp_seam_install' "$expected")
+  if [ "$actual" != "$expected" ]; then
+    echo "export table of $plugin.dll differs"; echo "expected:"; echo "$expected"; echo "actual:"; echo "$actual"
+    exit 1
   fi
+  for def in "${libs[@]}"; do
+    lib=${def#*/}
+    section=$(printf '%s\n' "$dump" | sed -n "/DLL Name: $lib.dll/,/^$/p")
+    [ -n "$section" ] || { echo "$lib.dll is not imported"; exit 1; }
+    if printf '%s\n' "$section" | grep -Eq '^[[:space:]]+[0-9a-f]+[[:space:]]+[0-9]+[[:space:]]+[A-Za-z_]'; then
+      echo "$lib.dll is imported by name, not by ordinal:"; printf '%s\n' "$section"; exit 1
+    fi
 done
-imports_ok qmtsdw "$dump"
-echo "qmtsdw.dll exports match qmtsdw.def:"; echo "$expected"
+imports_ok $plugin "$dump"
+echo "$plugin.dll exports:" $expected
+done
 
 # The cluster libraries: exactly their ordinals, no names.
 for def in "${libs[@]}"; do
@@ -64,6 +68,7 @@ for def in "${libs[@]}"; do
     echo "$lib.dll exports other ordinals than $lib.def:"; echo "expected:"; echo "$expected"; echo "actual:"; echo "$actual"
     exit 1
   fi
+  if printf '%s\n' "$dump" | grep -q qmtp_seam_install; then echo "$lib.dll has the seam's installer"; exit 1; fi
   names=$(named_exports "$dump")
   [ -z "$names" ] || { echo "$lib.dll exports names: $names"; exit 1; }
   imports_ok "$lib" "$dump"

@@ -3,7 +3,7 @@
 # with mingw-w64: the given targets, or all of it.
 set -euo pipefail
 src=$1 build=$2; shift 2
-if ! command -v x86_64-w64-mingw32-g++-win32 >/dev/null; then
+if ! command -v x86_64-w64-mingw32-g++-posix >/dev/null; then
   echo "mingw-w64 is not installed"; exit 1
 fi
 if [ ! -f "$build/build.ninja" ]; then

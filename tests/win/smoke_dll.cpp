@@ -5,11 +5,20 @@
 // handle behind, and the unloaded DLLs leave only the plug-in's module and log locks, which its
 // load entry point creates for the life of the process.
 //
+// With "seam" it loads the test variant qmtsdw_seam.dll instead, installs the simulated storage
+// and tick of this process in it, and polls a healthy volume of three disks (one answering late
+// through its event) and a disk that fails and recovers; then the device handles, not the
+// process's, are counted, as the simulated storage keeps a completion thread.
+//
 // Run by smoke_dll_under_wine.sh, which gives it its configuration and checks the log lines.
 #include <windows.h>
 #include <tlhelp32.h>
 
 #include <cstdio>
+#include <cstring>
+
+#include "qmtplat.h"
+#include "qmtseam.h"
 
 namespace {
 
@@ -98,13 +107,27 @@ long handle_count()
 // The module lock and the log lock: never closed, by design.
 const long kLoadLocks = 2;
 
-const char *const kModules[] = {"qmtsdw.dll", "qmtlog.dll", "qmtxml.dll", "qmtshmcm.dll", "qmtshmrm.dll",
+const char *kModules[] = {"qmtsdw.dll", "qmtlog.dll", "qmtxml.dll", "qmtshmcm.dll", "qmtshmrm.dll",
                                 "qmtutil.dll"};
+
+// The seam run: a change of the simulated disks (or none), then one pass and its status.
+struct SeamStep {
+    const char *sim;
+    const char *resource;
+    DWORD status;
+};
+const SeamStep kSeamSteps[] = {
+    {"disk 1 delay 20", "sdw1", 0}, {"disk 3 fail 1117", "sdw2", 5}, {nullptr, "sdw2", 5},
+    {"disk 3 ok", "sdw2", 0},       {"disk 0 refuse 21", "sdw1", 5}, {"disk 0 ok", "sdw1", 0},
+};
 
 }  // namespace
 
-int main()
+int main(int argc, char **argv)
 {
+    const bool seam = argc > 1 && std::strcmp(argv[1], "seam") == 0;
+    if (seam)
+        kModules[0] = "qmtsdw_seam.dll";
     // The system keeps its directory of named objects open from a process's first named object
     // on; have it open before counting, as the libraries' named mutexes and mappings need it.
     HANDLE named = CreateEventA(nullptr, TRUE, FALSE, "Local\\qmt_smoke_warm_up");
@@ -113,11 +136,16 @@ int main()
     const long threads_before = thread_count();
     const long handles_before = handle_count();
 
-    HMODULE dll = LoadLibraryA("qmtsdw.dll");
+    HMODULE dll = LoadLibraryA(kModules[0]);
     if (!dll) {
-        std::printf("FAILED LoadLibrary(qmtsdw.dll): error %lu\n", GetLastError());
+        std::printf("FAILED LoadLibrary(%s): error %lu\n", kModules[0], GetLastError());
         return 1;
     }
+    auto install = reinterpret_cast<qmtp_seam_install_fn>(
+        reinterpret_cast<void *>(GetProcAddress(dll, QMTP_SEAM_INSTALL)));
+    check((install != nullptr) == seam, "seam export", install != nullptr, seam);
+    if (seam && install)
+        check(install(qmtp_seam_host_table()) != FALSE, "seam installed", 1, 1);
     auto init = reinterpret_cast<InitFn>(reinterpret_cast<void *>(GetProcAddress(dll, "InitRscDll")));
     auto uninit = reinterpret_cast<InitFn>(reinterpret_cast<void *>(GetProcAddress(dll, "UninitRscDll")));
     auto pass = reinterpret_cast<PassFn>(reinterpret_cast<void *>(GetProcAddress(dll, "DoMontr")));
@@ -130,16 +158,32 @@ int main()
         check(GetModuleHandleA(name) != nullptr, name, GetModuleHandleA(name) != nullptr, 1);
     const long handles_loaded = handle_count();
 
+    // A stopped clock makes every lap 0 ms, so the log lines do not depend on this machine's speed.
+    if (seam)
+        qmtp_tick_freeze(1000000);
     check_status("InitRscDll", init("qmtsdw", 0, 0), 0);
     // sdw3 watches a disk resource whose volume is on another server: normal at once.
     check_status("DoMontr sdw3", pass("sdw", "sdw3"), 0);
+    for (const SeamStep &step : kSeamSteps) {
+        if (!seam)
+            break;
+        if (step.sim && !qmtp::sim::apply(step.sim))
+            check(false, step.sim, 0, 1);
+        check_status(step.resource, pass("sdw", step.resource), step.status);
+    }
     check_status("UninitRscDll", uninit("qmtsdw", 0, 0), 0);
+    if (seam)
+        check(qmtp_seam_open_devices() == 0, "device handles left", qmtp_seam_open_devices(), 0);
     const long handles_torn_down = handle_count();
     check(FreeLibrary(dll) != FALSE, "FreeLibrary", 1, 1);
 
     // Unloaded means unloaded: no library kept in memory by a reference left behind.
     for (const char *name : kModules)
         check(GetModuleHandleA(name) == nullptr, name, GetModuleHandleA(name) != nullptr, 0);
+    if (seam) {
+        std::printf("%s\n", failures ? "FAILED" : "PASSED");
+        return failures ? 1 : 0;
+    }
     // A thread that is ending may still be listed for a moment.
     long threads_after = thread_count();
     for (int i = 0; i < 200 && threads_after > threads_before; ++i) {

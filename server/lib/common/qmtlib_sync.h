@@ -1,8 +1,8 @@
 // qmtlib_sync.h - the in-process locks of the cluster libraries.
 //
-// On POSIX they are the standard library's. The Windows build uses the compiler's win32 thread
-// model, whose standard library has no std::mutex, so there they are slim reader/writer locks;
-// both kinds work with std::lock_guard, std::unique_lock and std::shared_lock.
+// On POSIX they are the standard library's. On Windows they are the system's slim reader/writer
+// locks, which the DLLs need no thread library for; both kinds work with std::lock_guard,
+// std::unique_lock and std::shared_lock.
 #pragma once
 
 #ifdef _WIN32

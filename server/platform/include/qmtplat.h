@@ -1,13 +1,19 @@
 /*
  * qmtplat.h - the POSIX platform layer's own controls: its test seams and its storage backends.
  *
- * Nothing here exists on Windows; only tests, benchmarks and the host include it. Every name
- * carries the qmtp_ prefix (C) or lives in namespace qmtp (C++).
+ * Only tests, benchmarks and the host include it. On Windows the ticks and the simulated storage
+ * are linked into the test host itself (server/platform/win), which hands them to the plug-in's
+ * test variant through its device seam (qmtseam.h). Every name carries the qmtp_ prefix (C) or
+ * lives in namespace qmtp (C++).
  */
 #ifndef QMTPLAT_H
 #define QMTPLAT_H
 
 #include "qmtwin.h"
+
+#ifndef QMTWIN_API
+#define QMTWIN_API
+#endif
 
 #ifdef __cplusplus
 extern "C" {

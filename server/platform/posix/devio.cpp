@@ -1,5 +1,6 @@
 // devio.cpp - CreateFileA, DeviceIoControl, GetOverlappedResult and CancelIo on volumes and
-// disks, over the storage backend chosen by QMT_STORAGE.
+// disks, over a storage backend. The calls themselves are made in api_posix.cpp on POSIX and in
+// the Windows test host's device seam (server/platform/win); both share what is here.
 //
 // A pending request lives in its handle's file object, keyed by the address of its OVERLAPPED,
 // until GetOverlappedResult reaps it, CancelIo or CloseHandle detaches it, or the same OVERLAPPED
@@ -21,19 +22,6 @@ namespace {
 
 constexpr DWORD kErrorInvalidName = 123;
 constexpr DWORD kExtentsHeader = offsetof(VOLUME_DISK_EXTENTS, Extents);
-
-// An unknown QMT_STORAGE value must not quietly become the simulator on a real node: every open
-// fails instead.
-class NoBackend final : public Backend {
-public:
-    explicit NoBackend(std::string wanted) : wanted_(std::move(wanted)) {}
-    const char *name() const override { return "none"; }
-    DWORD open_volume(const std::string &, std::unique_ptr<Volume> *) override { return ERROR_NOT_SUPPORTED; }
-    DWORD open_disk(DWORD, std::unique_ptr<Disk> *) override { return ERROR_NOT_SUPPORTED; }
-
-private:
-    std::string wanted_;
-};
 
 class DeviceFile final : public FileObject {
 public:
@@ -80,7 +68,7 @@ void finish_now(LPOVERLAPPED ov, DWORD error, DWORD bytes) {
 }
 
 BOOL fail(DWORD error) {
-    SetLastError(error);
+    set_error(error);
     return FALSE;
 }
 
@@ -222,7 +210,7 @@ std::shared_ptr<DeviceFile> device(HANDLE h) {
     std::shared_ptr<FileObject> f = lookup_file(h);
     if (!f) return nullptr;
     auto d = std::dynamic_pointer_cast<DeviceFile>(f);
-    if (!d) SetLastError(ERROR_INVALID_HANDLE);
+    if (!d) set_error(ERROR_INVALID_HANDLE);
     return d;
 }
 
@@ -364,19 +352,6 @@ storage::Resolution Backend::resolve(const std::string &guid) {
     return r;
 }
 
-Backend &backend() {
-    static std::unique_ptr<Backend> chosen = [] {
-        const char *env = std::getenv("QMT_STORAGE");
-        std::string want = env ? env : "";
-        if (want.empty() || want == "sim") return make_sim_backend();
-        if (want == "linux") return make_linux_backend();
-        std::fprintf(stderr, "qmtwin: unknown storage backend QMT_STORAGE=%s, no device can be opened\n",
-                     want.c_str());
-        return std::unique_ptr<Backend>(new NoBackend(want));
-    }();
-    return *chosen;
-}
-
 } // namespace qmtp
 
 using namespace qmtp;
@@ -397,16 +372,11 @@ storage::Resolution storage::resolve_volume(const std::string &text) {
 
 std::vector<storage::DiskRef> storage::stuck_disks(DWORD ms) { return backend().stuck(ms); }
 
-extern "C" {
+namespace qmtp {
 
-HANDLE WINAPI CreateFileA(LPCSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES sa, DWORD disposition,
-                          DWORD flags, HANDLE template_file) {
-    QMTP_FAULT_POINT("CreateFileA", INVALID_HANDLE_VALUE);
-    (void)access;
-    (void)share;
-    (void)sa;
+HANDLE open_device(LPCSTR path, DWORD disposition, DWORD flags, HANDLE template_file) {
     if (!path || disposition != OPEN_EXISTING || template_file) {
-        SetLastError(ERROR_INVALID_PARAMETER);
+        set_error(ERROR_INVALID_PARAMETER);
         return INVALID_HANDLE_VALUE;
     }
     std::string_view p(path);
@@ -426,21 +396,18 @@ HANDLE WINAPI CreateFileA(LPCSTR path, DWORD access, DWORD share, LPSECURITY_ATT
     }
     if (!err && !vol && !disk) err = ERROR_GEN_FAILURE;
     if (err) {
-        SetLastError(err);
+        set_error(err);
         return INVALID_HANDLE_VALUE;
     }
     bool overlapped = (flags & FILE_FLAG_OVERLAPPED) != 0;
     HANDLE h = register_file(std::make_shared<DeviceFile>(std::move(vol), std::move(disk), overlapped));
     if (!h) return INVALID_HANDLE_VALUE; // the table set the error
-    SetLastError(ERROR_SUCCESS);
+    set_error(ERROR_SUCCESS);
     return h;
 }
 
-BOOL WINAPI DeviceIoControl(HANDLE device_handle, DWORD code, LPVOID in, DWORD in_size, LPVOID out, DWORD out_size,
-                            LPDWORD returned, LPOVERLAPPED overlapped) {
-    QMTP_FAULT_POINT("DeviceIoControl", FALSE);
-    (void)in;
-    (void)in_size;
+BOOL device_io_control(HANDLE device_handle, DWORD code, LPVOID out, DWORD out_size, LPDWORD returned,
+                       LPOVERLAPPED overlapped) {
     auto file = device(device_handle);
     if (!file) return FALSE;
     switch (code) {
@@ -453,19 +420,28 @@ BOOL WINAPI DeviceIoControl(HANDLE device_handle, DWORD code, LPVOID in, DWORD i
     }
 }
 
-BOOL WINAPI GetOverlappedResult(HANDLE device_handle, LPOVERLAPPED overlapped, LPDWORD transferred, BOOL wait) {
-    QMTP_FAULT_POINT("GetOverlappedResult", FALSE);
+BOOL overlapped_result(HANDLE device_handle, LPOVERLAPPED overlapped, LPDWORD transferred, BOOL wait) {
     auto file = device(device_handle);
     if (!file) return FALSE;
     if (!overlapped) return fail(ERROR_INVALID_PARAMETER);
     return file->result(overlapped, transferred, wait);
 }
 
-BOOL WINAPI CancelIo(HANDLE device_handle) {
-    QMTP_FAULT_POINT("CancelIo", FALSE);
+BOOL cancel_io(HANDLE device_handle) {
     auto file = device(device_handle);
     if (!file) return FALSE;
     return file->cancel();
 }
 
-} // extern "C"
+namespace {
+thread_local DWORD t_error = ERROR_SUCCESS;
+} // namespace
+
+void set_error(DWORD error) {
+    t_error = error;
+    SetLastError(error);
+}
+
+DWORD error_set_last() { return t_error; }
+
+} // namespace qmtp

@@ -24,6 +24,22 @@ HANDLE register_file(std::shared_ptr<FileObject> file);
 // The file object behind a handle, or nullptr (error 6 set) when the handle is not an open file.
 std::shared_ptr<FileObject> lookup_file(HANDLE handle);
 
+// The device calls on volumes and disks (devio.cpp), which api_posix.cpp exports as CreateFileA,
+// DeviceIoControl, GetOverlappedResult and CancelIo, and the Windows test host's device seam
+// hands to the plug-in's test variant.
+HANDLE open_device(LPCSTR path, DWORD disposition, DWORD flags, HANDLE template_file);
+BOOL device_io_control(HANDLE device, DWORD code, LPVOID out, DWORD out_size, LPDWORD returned,
+                       LPOVERLAPPED overlapped);
+BOOL overlapped_result(HANDLE device, LPOVERLAPPED overlapped, LPDWORD transferred, BOOL wait);
+BOOL cancel_io(HANDLE device);
+// Sets the thread's last error and keeps a copy of it: on Windows the runtime's own locks may
+// clear the system's copy on the way out of a call, so the seam sets it again from this one.
+void set_error(DWORD error);
+DWORD error_set_last();
+
+// The millisecond tick that GetTickCount returns (tick.cpp).
+DWORD tick_count();
+
 // Fault injection: true when this call of `function` must fail; *error then holds the error to set.
 // Every exported function calls it first (it also counts the call).
 bool fault_hit(const char *function, DWORD *error);

@@ -3,7 +3,7 @@
 #include "qmtplat.h"
 
 #include <atomic>
-#include <time.h>
+#include <chrono>
 
 namespace {
 
@@ -13,20 +13,19 @@ std::atomic<bool> g_frozen{false};
 std::atomic<DWORD> g_frozen_value{0};
 
 DWORD monotonic_ms() {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    const uint64_t ms = static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
-    return static_cast<DWORD>(ms);
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now().time_since_epoch());
+    return static_cast<DWORD>(ms.count());
 }
 
 } // namespace
 
-extern "C" {
-
-DWORD WINAPI GetTickCount(void) {
+DWORD qmtp::tick_count() {
     if (g_frozen.load(std::memory_order_acquire)) return g_frozen_value.load(std::memory_order_relaxed);
     return monotonic_ms() + g_offset.load(std::memory_order_relaxed);
 }
+
+extern "C" {
 
 void qmtp_tick_freeze(DWORD value) {
     g_frozen_value.store(value, std::memory_order_relaxed);
