@@ -15,6 +15,7 @@ add_library(qmtrm_core STATIC
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_common.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_check.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_plugin.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_posix.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_engine.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_run.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_supervise.cpp

@@ -3,12 +3,9 @@
 
 #include "qmtlog.h"
 #include "qmtrm_board.h"
+#include "qmtrm_platform.h"
 #include "qmtshm.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,24 +15,10 @@ namespace qmtrm {
 
 namespace {
 
-bool make_dirs(const std::string &path)
-{
-    std::string partial;
-    for (size_t i = 0; i <= path.size(); ++i) {
-        if (i == path.size() || (path[i] == '/' && i > 0)) {
-            partial = path.substr(0, i);
-            // Only our user and its group may read the logs.
-            if (mkdir(partial.c_str(), 0750) != 0 && errno != EEXIST)
-                return false;
-        }
-    }
-    return true;
-}
-
 void set(const char *name, const std::string &value)
 {
     if (!value.empty())
-        setenv(name, value.c_str(), 1);
+        platform::set_env(name, value);
 }
 
 std::mutex texts_mutex;
@@ -45,8 +28,9 @@ HANDLE texts = nullptr;
 
 bool apply_env(const EnvOptions &env, std::string *why)
 {
-    if (!env.log_dir.empty() && !make_dirs(env.log_dir)) {
-        *why = "cannot create the log folder " + env.log_dir + ": " + std::strerror(errno);
+    std::string reason;
+    if (!env.log_dir.empty() && !platform::make_folders(env.log_dir, &reason)) {
+        *why = "cannot create the log folder " + env.log_dir + ": " + reason;
         return false;
     }
     set("QMT_CONF_DIR", env.conf_dir);
@@ -136,7 +120,7 @@ std::string Reporter::stamp() const
     std::time_t t = std::chrono::system_clock::to_time_t(now);
     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
     std::tm tm{};
-    localtime_r(&t, &tm);
+    platform::local_time(t, &tm);
     size_t n = std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &tm);
     std::snprintf(buffer + n, sizeof buffer - n, ".%03d", static_cast<int>(ms));
     return buffer;

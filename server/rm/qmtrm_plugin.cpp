@@ -4,11 +4,8 @@
 // whose locks cannot be created is refused here, with the loader's error 1114.
 #include "qmtrm_plugin.h"
 
-#include "qmtplat.h"
+#include "qmtrm_platform.h"
 
-#include <unistd.h>
-
-#include <climits>
 #include <cstdlib>
 
 namespace qmtrm {
@@ -19,19 +16,7 @@ std::string plugin_path(const std::string &option)
         return option;
     if (const char *env = std::getenv("QMT_PLUGIN"); env != nullptr && *env != '\0')
         return env;
-    char self[PATH_MAX];
-    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0)
-        return "../lib/libqmtsdw.so";
-    self[n] = '\0';
-    std::string dir(self);
-    dir.erase(dir.find_last_of('/') + 1);
-#ifdef QMTRM_INSTALLED_PLUGIN
-    // Installed (packaging/install.cmake), the plug-in is in the programs' private library folder.
-    if (std::string installed = dir + QMTRM_INSTALLED_PLUGIN; access(installed.c_str(), F_OK) == 0)
-        return installed;
-#endif
-    return dir + "../lib/libqmtsdw.so";
+    return platform::default_plugin();
 }
 
 namespace {
@@ -41,10 +26,10 @@ bool resolve(Plugin *plugin, const char *name, Fn *slot, std::string *why)
 {
     FARPROC symbol = GetProcAddress(static_cast<HMODULE>(plugin->handle), name);
     if (symbol == nullptr) {
-        *why = plugin->path + ": export " + name + " not found: " + qmtp_loader_message();
+        *why = plugin->path + ": export " + name + " not found: " + platform::loader_message();
         return false;
     }
-    *slot = reinterpret_cast<Fn>(symbol);
+    *slot = reinterpret_cast<Fn>(reinterpret_cast<void *>(symbol));
     return true;
 }
 
@@ -58,7 +43,7 @@ bool load_plugin(const std::string &path, Plugin *plugin, std::string *why)
     // the middle of a pass.
     plugin->handle = LoadLibraryA(path.c_str());
     if (plugin->handle == nullptr) {
-        *why = path + ": cannot load: " + qmtp_loader_message() + " (error " + std::to_string(GetLastError()) + ")";
+        *why = path + ": cannot load: " + platform::loader_message() + " (error " + std::to_string(GetLastError()) + ")";
         return false;
     }
     bool ok = resolve(plugin, "InitRscDll", &plugin->InitRscDll, why) &&
@@ -69,7 +54,8 @@ bool load_plugin(const std::string &path, Plugin *plugin, std::string *why)
               resolve(plugin, "UninitNpRscDll", &plugin->UninitNpRscDll, why) &&
               resolve(plugin, "DoNpMontr", &plugin->DoNpMontr, why) &&
               resolve(plugin, "NpMontrStatusChange", &plugin->NpMontrStatusChange, why) &&
-              resolve(plugin, "GetCheckPoint", &plugin->GetCheckPoint, why);
+              resolve(plugin, "GetCheckPoint", &plugin->GetCheckPoint, why) &&
+              platform::attach_plugin(plugin->handle, why);
     if (!ok) {
         FreeLibrary(static_cast<HMODULE>(plugin->handle));
         std::string keep = path;

@@ -7,16 +7,13 @@
 #include "keypath.h"
 #include "qmtlog.h"
 #include "qmtplat.h"
+#include "qmtrm_platform.h"
 #include "qmtshm_admin.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <atomic>
 
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -381,15 +378,20 @@ private:
             }
             return kExitOk;
         case Op::Fault:
-            qmtp_fault_set(st.name.c_str(), static_cast<unsigned>(st.n), static_cast<DWORD>(st.m));
+        case Op::FaultClear: {
+            std::string why;
+            if (st.op == Op::Fault ? !platform::fault_set(st.name, static_cast<unsigned>(st.n),
+                                                           static_cast<unsigned long>(st.m), &why)
+                                   : !platform::fault_clear(&why))
+                throw ScriptError{st.shown + ": " + why};
             std::printf("%d: %s\n", line_, st.shown.c_str());
             return kExitOk;
-        case Op::FaultClear:
-            qmtp_fault_clear();
-            std::printf("%d: %s\n", line_, st.shown.c_str());
-            return kExitOk;
+        }
         case Op::ExpectLive: {
-            long live = st.allocations ? qmtp_live_allocations() : qmtp_live_handles();
+            long live = 0;
+            std::string why;
+            if (!platform::live_count(st.allocations, &live, &why))
+                throw ScriptError{st.shown + ": " + why};
             if (live != st.n)
                 return fail(st, "expected " + std::to_string(st.n) + " live " + (st.allocations ? "allocations" : "handles") +
                                     ", got " + std::to_string(live));
@@ -437,15 +439,15 @@ private:
     int expect_log(const Statement &st)
     {
         size_t count = 0;
-        std::vector<std::string> near;  // the same text at another level or from another function
+        std::vector<std::string> nearby;  // the same text at another level or from another function
         for (const LogFile &f : logs_) {
             for (const LogLine &l : read_log(f)) {
                 if (!script::text_matches(st.text, l.text))
                     continue;
                 if ((st.level.empty() || st.level == l.level) && (st.function.empty() || st.function == l.function))
                     ++count;
-                else if (near.size() < 3)
-                    near.push_back(l.level + " " + l.function);
+                else if (nearby.size() < 3)
+                    nearby.push_back(l.level + " " + l.function);
             }
         }
         const bool holds = st.n < 0 ? count > 0 : count == static_cast<size_t>(st.n);
@@ -455,7 +457,7 @@ private:
         if (st.n >= 0)
             why += ", expected " + std::to_string(st.n);
         why += " in " + logs_[0].path + " and " + logs_[1].path;
-        for (const std::string &n : near)
+        for (const std::string &n : nearby)
             why += "; the text is there as " + n;
         return fail(st, why);
     }
@@ -659,26 +661,15 @@ private:
     std::condition_variable done_;
 };
 
-// Stop signals are written into a pipe by the handler; a thread reads them. The first stops the
-// script after the line in progress and tears down; the script has kStopWaitMs for both, and a
-// second signal leaves at once.
-int stop_pipe[2] = {-1, -1};
-
-void on_stop_signal(int signal_number)
-{
-    int saved = errno;
-    unsigned char byte = static_cast<unsigned char>(signal_number);
-    (void)!write(stop_pipe[1], &byte, 1);
-    errno = saved;
-}
-
+// Stop requests (signals, or the console's on Windows) reach a thread of their own. The first stops
+// the script after the line in progress and tears down; the script has kStopWaitMs for both, and a
+// second request leaves at once.
 void watch_stop_signals(Runner *runner, const std::atomic<bool> *finished)
 {
     const char *first = nullptr;
     Clock::time_point since;
     for (;;) {
-        pollfd p{stop_pipe[0], POLLIN, 0};
-        int n = poll(&p, 1, first ? 100 : -1);
+        int request = platform::wait_stop_request(first ? 100 : -1);
         if (*finished)
             return;
         if (first && Clock::now() - since >= std::chrono::milliseconds(kStopWaitMs)) {
@@ -686,10 +677,9 @@ void watch_stop_signals(Runner *runner, const std::atomic<bool> *finished)
                          kStopWaitMs, first);
             leave_now(kExitStuck);
         }
-        unsigned char byte = 0;
-        if (n <= 0 || read(stop_pipe[0], &byte, 1) != 1 || byte == 0)
+        if (request <= 0)
             continue;
-        const char *name = byte == SIGINT ? "SIGINT" : byte == SIGTERM ? "SIGTERM" : "SIGHUP";
+        const char *name = request == SIGINT ? "SIGINT" : request == SIGTERM ? "SIGTERM" : "SIGHUP";
         if (first) {
             std::fprintf(stderr, "qmtrm: second %s: leaving at once without teardown\n", name);
             leave_now(kExitStuck);
@@ -698,7 +688,7 @@ void watch_stop_signals(Runner *runner, const std::atomic<bool> *finished)
         since = Clock::now();
         std::fprintf(stderr, "qmtrm: %s: stopping after the line in progress; tearing down what the script "
                              "initialised\n", name);
-        runner->interrupt(byte);
+        runner->interrupt(request);
     }
 }
 
@@ -739,11 +729,10 @@ int script_main(const std::string &file, const EnvOptions &env, bool times)
     // Once the script is read (it may come from a terminal) and before any thread starts.
     if (int rc = supervise(); rc != kSupervisedChild)
         return rc;
-    if (pipe2(stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        std::fprintf(stderr, "qmtrm: cannot create a pipe: %s\n", std::strerror(errno));
+    if (!platform::open_stop_requests(&why)) {
+        std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
         return kExitInit;
     }
-    fcntl(stop_pipe[0], F_SETFL, 0);  // only the handler's end must never block
     Plugin plugin;
     if (!load_plugin(plugin_path(env.plugin), &plugin, &why)) {
         std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
@@ -760,16 +749,10 @@ int script_main(const std::string &file, const EnvOptions &env, bool times)
         Runner runner(plugin, options);
         std::atomic<bool> finished{false};
         std::thread watcher(watch_stop_signals, &runner, &finished);
-        struct sigaction action {};
-        action.sa_handler = on_stop_signal;
-        action.sa_flags = SA_RESTART;
-        sigemptyset(&action.sa_mask);
-        for (int sig : {SIGINT, SIGTERM, SIGHUP})
-            sigaction(sig, &action, nullptr);
+        platform::catch_stop_requests();
         rc = runner.run(statements);
         finished = true;
-        unsigned char wake = 0;
-        (void)!write(stop_pipe[1], &wake, 1);
+        platform::wake_stop_watch();
         watcher.join();
     }
     std::fflush(stdout);

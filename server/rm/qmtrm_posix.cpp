@@ -1,0 +1,131 @@
+// qmtrm_posix.cpp - the host's side of the system on POSIX: the plug-in beside the program,
+// environment and folders, stop signals through a pipe, and the platform layer's test seams.
+#include "qmtrm_platform.h"
+
+#include "qmtplat.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+namespace qmtrm::platform {
+
+std::string default_plugin()
+{
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0)
+        return "../lib/libqmtsdw.so";
+    self[n] = '\0';
+    std::string dir(self);
+    dir.erase(dir.find_last_of('/') + 1);
+#ifdef QMTRM_INSTALLED_PLUGIN
+    // Installed (packaging/install.cmake), the plug-in is in the programs' private library folder.
+    if (std::string installed = dir + QMTRM_INSTALLED_PLUGIN; access(installed.c_str(), F_OK) == 0)
+        return installed;
+#endif
+    return dir + "../lib/libqmtsdw.so";
+}
+
+void set_env(const char *name, const std::string &value) { setenv(name, value.c_str(), 1); }
+
+bool make_folders(const std::string &path, std::string *why)
+{
+    std::string partial;
+    for (size_t i = 0; i <= path.size(); ++i) {
+        if (i == path.size() || (path[i] == '/' && i > 0)) {
+            partial = path.substr(0, i);
+            // Only our user and its group may read the logs.
+            if (mkdir(partial.c_str(), 0750) != 0 && errno != EEXIST) {
+                *why = std::strerror(errno);
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+bool local_time(std::time_t t, std::tm *out) { return localtime_r(&t, out) != nullptr; }
+
+std::string loader_message() { return qmtp_loader_message(); }
+
+bool attach_plugin(void *, std::string *) { return true; }
+
+namespace {
+
+// The handler writes each signal into the pipe; the watching thread reads it.
+int stop_pipe[2] = {-1, -1};
+
+void on_stop_signal(int signal_number)
+{
+    int saved = errno;
+    unsigned char byte = static_cast<unsigned char>(signal_number);
+    (void)!write(stop_pipe[1], &byte, 1);
+    errno = saved;
+}
+
+} // namespace
+
+bool open_stop_requests(std::string *why)
+{
+    if (pipe2(stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        *why = std::string("cannot create a pipe: ") + std::strerror(errno);
+        return false;
+    }
+    fcntl(stop_pipe[0], F_SETFL, 0);  // only the handler's end must never block
+    return true;
+}
+
+void catch_stop_requests()
+{
+    struct sigaction action {};
+    action.sa_handler = on_stop_signal;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        sigaction(sig, &action, nullptr);
+}
+
+int wait_stop_request(int ms)
+{
+    pollfd p{stop_pipe[0], POLLIN, 0};
+    if (poll(&p, 1, ms) <= 0)
+        return 0;
+    unsigned char byte = 0;
+    if (read(stop_pipe[0], &byte, 1) != 1)
+        return 0;
+    return byte;
+}
+
+void wake_stop_watch()
+{
+    unsigned char wake = 0;
+    (void)!write(stop_pipe[1], &wake, 1);
+}
+
+bool fault_set(const std::string &function, unsigned nth, unsigned long error, std::string *)
+{
+    qmtp_fault_set(function.c_str(), nth, static_cast<DWORD>(error));
+    return true;
+}
+
+bool fault_clear(std::string *)
+{
+    qmtp_fault_clear();
+    return true;
+}
+
+bool live_count(bool allocations, long *count, std::string *)
+{
+    *count = allocations ? qmtp_live_allocations() : qmtp_live_handles();
+    return true;
+}
+
+} // namespace qmtrm::platform
