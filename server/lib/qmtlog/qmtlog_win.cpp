@@ -28,6 +28,13 @@ struct Output {
 namespace {
 
 constexpr int kOldFiles = 3;
+
+// A line leaves the caller's last error as it was: callers log a failure and then read
+// GetLastError for the next line, and opening an existing file sets it to 183.
+struct KeepLastError {
+    DWORD error = GetLastError();
+    ~KeepLastError() { SetLastError(error); }
+};
 constexpr DWORD kLockWaitMs = 1000;
 
 // Creates each missing folder of `path` in turn; true when the whole path is a folder.
@@ -128,6 +135,7 @@ void close_output(Output &o) { close_mutex(o); }
 // A line written without the lock (its wait timed out) is still one appending write, so it
 // stays whole; only the rotation needs the lock.
 bool append(Output &o, const std::string &stem, long long limit, const std::string &line) {
+    KeepLastError keep;
     if (o.dir.empty() || !make_dirs(o.dir)) return false;
     const std::string path = o.dir + "\\" + stem + ".log";
     const bool locked = take_lock(o, mutex_for(o, stem));
@@ -166,6 +174,7 @@ int process_id() { return static_cast<int>(GetCurrentProcessId()); }
 int thread_id() { return static_cast<int>(GetCurrentThreadId()); }
 
 void report_event(const char *module, DWORD event_id, const std::string &text) {
+    KeepLastError keep;
     const std::string source = module ? "qmt-" + std::string(module) : std::string("qmt");
     HANDLE h = RegisterEventSourceA(nullptr, source.c_str());
     if (!h) return;

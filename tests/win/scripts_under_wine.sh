@@ -1,0 +1,99 @@
+#!/usr/bin/env bash
+# scripts_under_wine.sh SRC BUILD QMTRM: runs every host script of tests/host/scripts twice, with
+# qmtrm.exe and the plug-in's test variant under Wine and with the Linux build's QMTRM, each on
+# a fresh copy of the host tests' configuration and simulated disks, and requires both runs to
+# succeed and to write the same plug-in log lines (level, source file and line, function, text)
+# in sdw.log and rm.log. Masked: time stamps, process and thread ids, handle and pointer values,
+# ticks, and the measured times of a pass (see masked()). On Windows, `expect-live` lines are left out: they
+# check the POSIX layer's own counters and call nothing. Exits 77 (skipped) where Wine is not
+# installed, unless QMT_REQUIRE_WINE=1.
+set -uo pipefail
+src=$1 build=$2 qmtrm=$3
+here=$(cd "$(dirname "$0")" && pwd)
+. "$here/wine_env.sh"
+
+# The scripts that stay on Linux, and why: each makes system calls fail (`fault`), and on Windows
+# those are the system's own calls, which nothing can make fail on purpose.
+declare -A linux_only=(
+  [allocations]="fault GlobalAlloc: the global heap"
+  [banner]="fault FindResourceExA, LoadResource, ...: the version resource"
+  [locks]="fault WaitForSingleObject: waits on the module and record locks"
+  [np-control]="fault CreateMutexA, CreateEventA, _beginthreadex, ...: the worker's kernel objects"
+)
+
+bash "$src/scripts/win-build.sh" "$src" "$build" qmtrm qmtsdw_seam qmtlog qmtxml qmtshmcm qmtshmrm qmtutil ||
+  { echo "cross build failed"; exit 1; }
+# One wineserver for every run, so that the prefix starts once.
+mkdir -p "$WINEPREFIX" && wineserver -p
+export QMT_STORAGE=sim
+
+# The plug-in's lines of a log file, masked, each thread's lines together in their order (threads
+# interleave as they are scheduled), the threads sorted by their first lines. A line whose
+# presence depends on the machine's speed (a new slowest pass) is left out.
+masked() {
+  [ -f "$1" ] || return 0
+  tr -d '\r' <"$1" | sed -E \
+    -e 's/^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:.]+ ([A-Z0-9]+) [0-9]+\/([0-9]+) /\2 \1 /' \
+    -e 's/((Handle|handle|Hdl|Event|Tick|Tid|Thaddr|Mtx|Timer|Evt)=)(0x|-)?[0-9A-Fa-f]+/\1#/g' \
+    -e 's/(answered in )[0-9]+ms/\1#/; s/( Time=)[0-9]+\([0-9]+-[0-9]+\)msec/\1#/' | grep -v 'Renew slowest lap' |
+    awk -F'\t' '{ t = $0; sub(/ .*/, "", t); line = $0; sub(/^[^ ]* /, "", line)
+                  if (!(t in first)) { first[t] = line; order[t] = ++threads }
+                  printf "%s\t%04d\t%06d\t%s\n", first[t], order[t], ++seq, line }' |
+    LC_ALL=C sort -t "$(printf '\t')" -k1,1 -k2,2n -k3,3n | cut -f4
+}
+
+# run SIDE NAME SCRIPT: one run; its folder keeps the logs and the output.
+run() {
+  local side=$1 name=$2 script=$3 dir=$work/$1-$2 rc
+  mkdir -p "$dir" && cp -r "$src/tests/host/conf" "$dir/conf"
+  if [ "$side" = linux ]; then
+    timeout -k 5 60 "$qmtrm" script "$script" --conf-dir "$dir/conf" --sim "$dir/conf/sim.txt" \
+      --log-dir "$dir/log" --shm-name "qmtwin$$$name" --host node1 >"$dir/out" 2>&1
+    rc=$?
+    rm -f /dev/shm/*"qmtwin$$$name"*
+  else
+    grep -v '^[[:space:]]*expect-live' "$script" >"$dir/script.qmt"
+    timeout -k 5 120 wine "$build/bin/qmtrm.exe" script "$(winpath "$dir/script.qmt")" \
+      --conf-dir "$(winpath "$dir/conf")" --sim "$(winpath "$dir/conf/sim.txt")" \
+      --log-dir "$(winpath "$dir/log")" --shm-name "qmtwin$$$name" --host node1 >"$dir/out" 2>&1
+    rc=$?
+  fi
+  echo "$rc" >"$dir/rc"
+}
+
+failed=0 compared=0
+for script in "$src"/tests/host/scripts/*.qmt; do
+  name=$(basename "$script" .qmt)
+  if [ -n "${linux_only[$name]:-}" ]; then
+    echo "$name: Linux only (${linux_only[$name]})"
+    continue
+  fi
+  start=$(date +%s%N)
+  # Side by side: many scripts mostly wait.
+  run linux "$name" "$script" &
+  run wine "$name" "$script"
+  wait
+  ms=$(( ($(date +%s%N) - start) / 1000000 ))
+  ok=1
+  for side in linux wine; do
+    if [ "$(cat "$work/$side-$name/rc")" != 0 ]; then
+      echo "$name: the $side run failed (exit $(cat "$work/$side-$name/rc")):"; tr -d '\r' <"$work/$side-$name/out" | tail -n 20
+      ok=0
+    fi
+  done
+  for log in sdw.log rm.log; do
+    if ! diff <(masked "$work/linux-$name/log/$log") <(masked "$work/wine-$name/log/$log") >"$work/diff"; then
+      echo "$name: $log differs (< Linux, > Wine):"; head -n 40 "$work/diff"
+      ok=0
+    fi
+  done
+  lines=$(masked "$work/linux-$name/log/sdw.log" | wc -l)
+  if [ $ok = 1 ]; then
+    echo "$name: same $lines sdw.log lines on both ($ms ms)"
+    compared=$((compared + 1))
+  else
+    failed=1
+  fi
+done
+echo "$compared script(s) compared, ${#linux_only[@]} Linux only"
+exit $failed
