@@ -100,28 +100,4 @@ TEST_F(Qmtstat, ShowsRatioAndOneRowPerResource)
     EXPECT_EQ(cells(r.lines[4]), (Cells{"sdw", "sdw3", "-", "0 -", "-", "-", "-", "-", "Disk error"}));
 }
 
-TEST_F(Qmtstat, WatchStopsAfterCount)
-{
-    ASSERT_EQ(shmcm_setratio(1), 0);
-    Outcome r = run("-w 1 -n 2");
-    EXPECT_EQ(r.status, 0);
-    ASSERT_EQ(r.lines.size(), 6u);
-    const std::regex stamp(R"(--- \d{4}-\d\d-\d\d \d\d:\d\d:\d\d)");
-    for (size_t i : {0, 3}) {
-        EXPECT_TRUE(std::regex_match(r.lines[i], stamp)) << r.lines[i];
-        EXPECT_EQ(r.lines[i + 1], "shared memory " + shm.prefix() + ", ratio 1");
-        EXPECT_EQ(cells(r.lines[i + 2]), kHeader);
-    }
-}
-
-TEST_F(Qmtstat, BadOptionsAreRefused)
-{
-    for (const char *args : {"-n 2", "-w 0", "--set-ratio 2 -w 1"})
-        EXPECT_EQ(run(args).status, 2) << args;
-    Outcome help = run("--help");
-    EXPECT_EQ(help.status, 0);
-    ASSERT_FALSE(help.lines.empty());
-    EXPECT_EQ(help.lines[0].rfind("qmtstat: the time-out ratio", 0), 0u) << help.lines[0];
-}
-
 }  // namespace

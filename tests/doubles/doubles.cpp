@@ -12,6 +12,8 @@
 #include "qmtutil.h"
 #include "qmtxml.h"
 
+#include <fnmatch.h>
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdint>
@@ -150,29 +152,10 @@ std::vector<std::string> lines_with(const std::string &needle) {
     return out;
 }
 
-namespace {
-bool like(const char *p, const char *s) {
-    const char *star = nullptr, *resume = nullptr;
-    while (*s) {
-        if (*p == '*') {
-            star = p++, resume = s;
-        } else if (*p == *s) {
-            ++p, ++s;
-        } else if (star) {
-            p = star + 1, s = ++resume;
-        } else {
-            return false;
-        }
-    }
-    while (*p == '*') ++p;
-    return *p == '\0';
-}
-}  // namespace
-
 std::vector<std::string> lines_like(const std::string &pattern) {
     std::vector<std::string> out;
     for (const std::string &l : log_lines())
-        if (like(pattern.c_str(), l.c_str())) out.push_back(l);
+        if (fnmatch(pattern.c_str(), l.c_str(), 0) == 0) out.push_back(l);
     return out;
 }
 

@@ -46,8 +46,8 @@ int line_index(const std::string &line);
 inline bool logged(const std::string &line) { return line_index(line) >= 0; }
 // The log lines (all levels) that contain `needle`, in order.
 std::vector<std::string> lines_with(const std::string &needle);
-// The log lines that are `pattern` exactly, where `*` stands for any run of characters (a
-// handle, a tick): the whole line is pinned except what differs from run to run.
+// The log lines that match the shell pattern `pattern` (fnmatch), whose `*` stands for what
+// differs from run to run (a handle, a tick): the rest of the line is pinned.
 std::vector<std::string> lines_like(const std::string &pattern);
 // The names of all non-log calls in order, as "function(args)" (e.g. "xmllib_load_policy(rm)").
 std::vector<std::string> service_calls();

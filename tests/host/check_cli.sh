@@ -68,8 +68,15 @@ qmtrm=$qmtstat
 expect 0 "qmtstat 1." -- --version
 expect 2 ""          -- --frobnicate
 for r in 0 -1 1001 1073741824 99999999999; do expect 2 "--set-ratio" -- --set-ratio $r; done
+for args in "-n 2" "-w 0" "--set-ratio 2 -w 1"; do expect 2 "" -- $args; done
+expect 0 "qmtstat: the time-out ratio" -- --help
 expect 0 "ratio: 1000" -- --set-ratio 1000
 expect 0 "shared memory /qmtrmcli$$, ratio 1000" --
+# Watching stops after the count of tables asked for, each under its time stamp.
+expect 0 "" -- -w 1 -n 2
+[ "$(grep -Ec '^--- [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}$' "$work/out")" = 2 ] &&
+  [ "$(grep -c "^shared memory /qmtrmcli$$, ratio 1000$" "$work/out")" = 2 ] ||
+  { echo "FAIL: qmtstat -w 1 -n 2 did not show two tables"; cat "$work/out"; fail=1; }
 # A corrupt board: qmtstat says so and exits 3, still listing what the cluster segment holds.
 printf 'not a board' >"/dev/shm/qmtrmcli$$_host_sdw"
 expect 3 "corrupt: /qmtrmcli$$_host_sdw: not a host status board" --

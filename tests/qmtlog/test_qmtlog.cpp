@@ -1,30 +1,41 @@
 // The log library through its exports: level filter and settings per module, the empty handle,
-// the exact line and event line, rotation, writers in several threads and processes, the stderr
-// fallback, what another local user can do to the log, and the string table.
+// the exact line and event line, rotation, writers in threads and processes, the stderr fallback,
+// other local users, and the string table. Also built for Windows, where another process writes
+// or holds the lock in the Windows way, and folder modes and other users have no match.
 
 #include "qmtlog.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <thread>
+#endif
 
+#include <atomic>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <cstdlib>
 #include <ctime>
+#include <deque>
 #include <filesystem>
-#include <future>
 #include <fstream>
+#include <functional>
+#include <iomanip>
 #include <map>
+#include <memory>
+#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -36,8 +47,29 @@ using Lines = std::vector<std::string>;
 constexpr int kBadParameter = 87;  // ERROR_INVALID_PARAMETER
 constexpr int kBadHandle = 6;      // ERROR_INVALID_HANDLE
 
+#ifdef _WIN32
+std::string who() { return std::to_string(GetCurrentProcessId()) + "/" + std::to_string(GetCurrentThreadId()); }
+void pause_ms(int ms) { Sleep(ms); }
+// Lines of each writer process: under Wine every write is a round trip to its server.
+constexpr int kPerProcess = 1000;
+// The compiler's win32 thread model has no std::thread.
+class Thread {
+public:
+    explicit Thread(std::function<void()> f) : f_(std::move(f)), h_(CreateThread(nullptr, 0, run, this, 0, nullptr)) {}
+    void join() { WaitForSingleObject(h_, INFINITE), CloseHandle(h_); }
+
+private:
+    static DWORD WINAPI run(void *self) { return static_cast<Thread *>(self)->f_(), 0; }
+    std::function<void()> f_;
+    HANDLE h_;
+};
+#else
 // "pid/tid" of the calling thread, as every line shows it.
 std::string who() { return std::to_string(getpid()) + "/" + std::to_string(gettid()); }
+void pause_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+using Thread = std::thread;
+constexpr int kPerProcess = 10000;
+#endif
 
 // "YYYY-MM-DD hh:mm:ss.mmm ": digits and separators at their places.
 bool has_time_stamp(const std::string &l) {
@@ -48,14 +80,19 @@ bool has_time_stamp(const std::string &l) {
     return true;
 }
 
+void write_many(HANDLE h, const char *who, int n) {
+    std::string pad(100, 'x');
+    for (int i = 0; i < n; ++i) QmtLogWrite(h, QMTLOG_INFO, 0, "w.cpp", 1, "Writer", "%s %d %s.", who, i, pad.c_str());
+}
+
 // Every test logs into a directory of its own, named in QMT_LOG_DIR before its modules open.
 class Log : public ::testing::Test {
 protected:
     void SetUp() override {
-        std::string base = (std::getenv("TMPDIR") && *std::getenv("TMPDIR")) ? std::getenv("TMPDIR") : "/tmp";
-        std::string templ = base + "/qmtlog-test-XXXXXX";
-        ASSERT_NE(mkdtemp(templ.data()), nullptr);
-        dir_ = templ;
+        fs::path templ = fs::temp_directory_path() / "qmtlog-test-XXXXXX";
+        std::string t = templ.string();
+        ASSERT_NE(mkdtemp(t.data()), nullptr);
+        dir_ = t;
         setenv("QMT_LOG_DIR", dir_.c_str(), 1);
     }
     void TearDown() override {
@@ -70,19 +107,21 @@ protected:
         const auto *info = testing::UnitTest::GetInstance()->current_test_info();
         return std::string(info->name()) + suffix;
     }
+    // The named mutex that serialises the module's writers on Windows; one per test.
+    std::string mutex_name() { return "Local\\qmtlogtest_" + module(); }
     HANDLE open(const std::string &name, int level = 4, int size = 10000000) {
         HANDLE h = nullptr;
-        EXPECT_EQ(QmtLogOpen(name.c_str(), &h, level, size, 0, "Global\\ORVQMT_SDW_LOG"), 0);
+        EXPECT_EQ(QmtLogOpen(name.c_str(), &h, level, size, 0, mutex_name().c_str()), 0);
         EXPECT_NE(h, nullptr);
         opened_.push_back(h);
         return h;
     }
     std::string path(const std::string &name, const std::string &suffix = "") const {
-        return dir_ + "/" + name + ".log" + suffix;
+        return (fs::path(dir_) / (name + ".log" + suffix)).string();
     }
     static Lines read(const std::string &file) {
         Lines out;
-        std::ifstream in(file);
+        std::ifstream in(file, std::ios::binary);
         for (std::string line; std::getline(in, line);) out.push_back(line);
         return out;
     }
@@ -120,6 +159,9 @@ TEST_F(Log, LevelFilterWritesOnlyLinesAtOrBelowTheModuleLevel) {
     write_levels();
     EXPECT_EQ(texts_of(module()), (Lines{"level 1", "level 2", "level 4", "level 1", "level 2", "level 4",
                                          "level 8", "level 16", "level 32"}));
+    std::string names;  // each line names its level
+    for (const auto &l : read(path(module()))) names += l.substr(24, 4);
+    EXPECT_EQ(names, "ERR WRN INF ERR WRN INF TRC PAS DTL ");
 }
 
 TEST_F(Log, SettingsAreKeptPerModuleAndZeroLeavesAValueUnchanged) {
@@ -204,7 +246,7 @@ TEST_F(Log, LinesShowTimeLevelProcessThreadPlaceAndExactTextAndEventsPassAnyLeve
     for (size_t i = 0; i < want.size(); ++i) {
         ASSERT_TRUE(has_time_stamp(lines[i])) << lines[i];
         std::tm tm{};
-        ASSERT_NE(strptime(lines[i].c_str(), "%Y-%m-%d %H:%M:%S", &tm), nullptr);
+        std::istringstream(lines[i]) >> std::get_time(&tm, "%Y-%m-%d %H:%M:%S");
         tm.tm_isdst = -1;
         EXPECT_GE(std::mktime(&tm), before) << lines[i];
         EXPECT_LE(std::mktime(&tm), after) << lines[i];
@@ -260,37 +302,66 @@ void expect_whole_lines(const Lines &lines, const std::vector<std::string> &writ
     EXPECT_EQ(next, want);
 }
 
-void write_many(HANDLE h, const char *who, int n) {
-    std::string pad(100, 'x');
-    for (int i = 0; i < n; ++i) QmtLogWrite(h, QMTLOG_INFO, 0, "w.cpp", 1, "Writer", "%s %d %s.", who, i, pad.c_str());
-}
-
 TEST_F(Log, ConcurrentThreadsInterleaveOnlyWholeLines) {
-    constexpr int kPerThread = 2000;
+    constexpr int kPerThread = kPerProcess / 5;
     HANDLE h = open(module());
     std::vector<std::string> names{"t0", "t1", "t2", "t3"};
-    std::vector<std::thread> threads;
+    std::deque<Thread> threads;
     for (const auto &n : names) threads.emplace_back([h, n] { write_many(h, n.c_str(), kPerThread); });
     for (auto &t : threads) t.join();
     expect_whole_lines(read(path(module())), names, kPerThread);
 }
 
-TEST_F(Log, ConcurrentProcessesShareTheFileWithoutLosingLines) {
-    constexpr int kPerProcess = 10000;
-    HANDLE h = open(module(), 4, 100000000);
-    // Written before the fork: the child must not inherit the parent's lock as its own.
-    write_many(h, "setup", 1);
+// A writer in another process. On Linux a fork writes through the handle opened before it, so the
+// child must not take the parent's lock as its own; on Windows this program runs again as
+// "--writer DIR MODULE MUTEX NAME COUNT" (see main).
+#ifdef _WIN32
+using Child = HANDLE;
+Child start_writer(HANDLE, const std::string &dir, const std::string &module, const std::string &mutex,
+                   const std::string &name, int n) {
+    char self[MAX_PATH];
+    GetModuleFileNameA(nullptr, self, sizeof self);
+    std::string cmd = "\"" + std::string(self) + "\" --writer \"" + dir + "\" " + module + " " + mutex + " " + name +
+                      " " + std::to_string(n);
+    STARTUPINFOA si{};
+    si.cb = sizeof si;
+    PROCESS_INFORMATION pi{};
+    if (!CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
+        return INVALID_HANDLE_VALUE;
+    CloseHandle(pi.hThread);
+    return pi.hProcess;
+}
+bool writer_succeeded(Child child) {
+    DWORD code = 1;
+    bool ended = WaitForSingleObject(child, 60000) == WAIT_OBJECT_0 && GetExitCodeProcess(child, &code);
+    CloseHandle(child);
+    return ended && code == 0;
+}
+#else
+using Child = pid_t;
+Child start_writer(HANDLE h, const std::string &, const std::string &, const std::string &, const std::string &name,
+                   int n) {
     pid_t child = fork();
-    ASSERT_GE(child, 0);
     if (child == 0) {
         alarm(60);  // a child stuck on the lock ends and fails the test
-        write_many(h, "child", kPerProcess);
+        write_many(h, name.c_str(), n);
         _exit(0);
     }
-    write_many(h, "parent", kPerProcess);
+    return child;
+}
+bool writer_succeeded(Child child) {
     int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+#endif
+
+TEST_F(Log, ConcurrentProcessesShareTheFileWithoutLosingLines) {
+    HANDLE h = open(module(), 4, 100000000);
+    write_many(h, "setup", 1);
+    Child child = start_writer(h, dir_, module(), mutex_name(), "child", kPerProcess);
+    ASSERT_NE(child, Child(-1));
+    write_many(h, "parent", kPerProcess);
+    ASSERT_TRUE(writer_succeeded(child));
     EXPECT_FALSE(fs::exists(path(module(), ".1")));
     Lines lines = read(path(module()));
     ASSERT_EQ(lines.size(), static_cast<size_t>(2 * kPerProcess + 1));
@@ -313,11 +384,27 @@ TEST_F(Log, UnwritableDirectorySendsLinesToStderrWithoutFailing) {
 }
 // ---- what another local user can do ----
 
+#ifdef _WIN32
+// Holds the module's named mutex, as a writer in another process would, until destroyed.
+class Holder {
+public:
+    Holder(const std::string &, const std::string &mutex) : mutex_(CreateMutexA(nullptr, FALSE, mutex.c_str())) {}
+    ~Holder() {
+        if (held_) ReleaseMutex(mutex_);
+        if (mutex_) CloseHandle(mutex_);
+    }
+    bool held() { return held_ = mutex_ && WaitForSingleObject(mutex_, 10000) == WAIT_OBJECT_0; }
+
+private:
+    HANDLE mutex_;
+    bool held_ = false;
+};
+#else
 // Holds the log's lock from a process of its own, as another writer would (an flock and an
 // open-file-description lock, on a description of its own), until destroyed.
 class Holder {
 public:
-    explicit Holder(const std::string &lock) {
+    Holder(const std::string &lock, const std::string &) {
         int ready[2];
         if (pipe(ready) != 0) return;
         pid_ = fork();
@@ -405,19 +492,24 @@ TEST_F(Log, AFolderPlantedByAnotherUserIsNotUsed) {
     }
 }
 
+#endif
+
 TEST_F(Log, AWriterWaitsForAHeldLockOnlyForABoundedTime) {
     HANDLE h = open(module());
     ASSERT_EQ(QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 1, "Fn", "%s", "before"), 0);
-    auto holder = std::make_unique<Holder>(path(module(), ".lock"));
+    auto holder = std::make_unique<Holder>(path(module(), ".lock"), mutex_name());
     ASSERT_TRUE(holder->held());
-    auto writes = std::async(std::launch::async, [h] {
+    std::atomic<bool> done{false};
+    Thread writer([h, &done] {
         QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 2, "Fn", "%s", "while held");
         QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 3, "Fn", "%s", "still held");
+        done = true;
     });
     // Generous: one wait of about a second, then no wait for the line after it.
-    bool bounded = writes.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    for (int i = 0; i < 1000 && !done; ++i) pause_ms(10);
+    const bool bounded = done;
     holder.reset();  // lets a writer that does wait for ever go, so the test can end
-    writes.wait();
+    writer.join();
     EXPECT_TRUE(bounded) << "a writer waited for the lock for ever";
     EXPECT_EQ(texts_of(module()), (Lines{"before", "while held", "still held"}));
 }
@@ -472,3 +564,17 @@ TEST_F(Log, StringTableHandlesAreCheckedOnUseAndUnload) {
 }
 
 }  // namespace
+
+#ifdef _WIN32
+int main(int argc, char **argv) {
+    if (argc == 7 && std::string(argv[1]) == "--writer") {
+        setenv("QMT_LOG_DIR", argv[2], 1);
+        HANDLE h = nullptr;
+        if (QmtLogOpen(argv[3], &h, QMTLOG_INFO, 100000000, 0, argv[4]) != 0) return 2;
+        write_many(h, argv[5], std::atoi(argv[6]));
+        return QmtLogClose(h) == 0 ? 0 : 3;
+    }
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
+#endif

@@ -1,4 +1,4 @@
-// Event severities, syslog priorities, insert rendering and level names.
+// Event severities, syslog priorities and insert rendering.
 
 #include "qmtlog.h"
 #include "qmtlog_internal.h"
@@ -44,15 +44,6 @@ TEST(Events, MessagePutsInsertsIntoTheEventText) {
     // A missing insert leaves its place empty rather than reading past the list.
     EXPECT_EQ(qmtlog::event_message(0x40000E45u, {}),
               "EVENT 3653 INFORMATION Disks of  recovered: every disk answers its check again");
-}
-
-TEST(Lines, LevelNamesAndBaseNames) {
-    const std::pair<int, const char *> names[] = {{1, "ERR"},  {2, "WRN"},  {4, "INF"},     {8, "TRC"},
-                                                  {16, "PAS"}, {32, "DTL"}, {32768, "EVT"}, {64, "L64"}};
-    for (const auto &[level, name] : names) EXPECT_EQ(qmtlog::level_name(level), name) << level;
-    EXPECT_STREQ(qmtlog::base_name("C:\\work\\sdw\\src\\sdw.cpp"), "sdw.cpp");
-    EXPECT_STREQ(qmtlog::base_name("/a/b/log.cpp"), "log.cpp");
-    EXPECT_STREQ(qmtlog::base_name("plain.cpp"), "plain.cpp");
 }
 
 }  // namespace

@@ -116,7 +116,7 @@ protected:
     std::vector<HANDLE> procs_;
 };
 
-TEST_F(WinShm, AttachMakesBothSegmentsInTheLinuxLayoutAndDetachIsCounted)
+TEST_F(WinShm, SegmentsHaveTheLinuxLayoutKeepEntriesByTypeAndNameAndGoWithTheLastDetach)
 {
     static_assert(kRmHeaderSize == 128 && sizeof(RmEntry) == 400 && sizeof(CmSegment) == 48, "the Linux layout");
     ASSERT_EQ(shmcm_attach(), 0);
@@ -134,20 +134,7 @@ TEST_F(WinShm, AttachMakesBothSegmentsInTheLinuxLayoutAndDetachIsCounted)
     EXPECT_EQ(m.size, rm_segment_size(kRmDefaultEntries));
     unmap(m);
     EXPECT_TRUE(table().empty());
-    EXPECT_EQ(shmrm_detach(), 0);
-    EXPECT_EQ(shmrm_detach(), 0);
-    EXPECT_EQ(shmrm_detach(), QMTSHM_E_NOT_ATTACHED);
-    EXPECT_EQ(shmcm_detach(), 0);
-    EXPECT_EQ(shmcm_detach(), QMTSHM_E_NOT_ATTACHED);
-    EXPECT_EQ(shmcm_getratio(&ratio, nullptr), QMTSHM_E_NOT_ATTACHED);
-    // A mapping lives as long as a process holds it: the last detach of the node removes it.
-    EXPECT_FALSE(segment_exists(segment_name("_rm")));
-    EXPECT_FALSE(segment_exists(segment_name("_cm")));
-}
 
-TEST_F(WinShm, ProgressAndDescriptionsAreKeptByTypeAndName)
-{
-    ASSERT_EQ(shmrm_attach(), 0);
     ASSERT_EQ(shmrm_setmonprogress("sdw", "sdw1", QMT_DOMONTR_MONSTART), 0);
     ASSERT_EQ(shmrm_setmonprogress("sdw", "sdw1", QMT_DOMONTR_MONEND), 0);
     ASSERT_EQ(shmrm_setdescript(nullptr, "sdw", "sdw1", "Normal", 256), 0);
@@ -164,6 +151,16 @@ TEST_F(WinShm, ProgressAndDescriptionsAreKeptByTypeAndName)
     EXPECT_TRUE(process_alive(t[0].writer_pid, t[0].writer_start));
     EXPECT_STREQ(t[1].type, "disknp");
     EXPECT_STREQ(t[1].descript, "Disk");
+
+    EXPECT_EQ(shmrm_detach(), 0);
+    EXPECT_EQ(shmrm_detach(), 0);
+    EXPECT_EQ(shmrm_detach(), QMTSHM_E_NOT_ATTACHED);
+    EXPECT_EQ(shmcm_detach(), 0);
+    EXPECT_EQ(shmcm_detach(), QMTSHM_E_NOT_ATTACHED);
+    EXPECT_EQ(shmcm_getratio(&ratio, nullptr), QMTSHM_E_NOT_ATTACHED);
+    // A mapping lives as long as a process holds it: the last detach of the node removes it.
+    EXPECT_FALSE(segment_exists(segment_name("_rm")));
+    EXPECT_FALSE(segment_exists(segment_name("_cm")));
 }
 
 TEST_F(WinShm, WritersInSeveralProcessesLoseNothing)
