@@ -155,7 +155,7 @@ std::vector<std::string> lines_with(const std::string &needle) {
 std::vector<std::string> lines_like(const std::string &pattern) {
     std::vector<std::string> out;
     for (const std::string &l : log_lines())
-        if (fnmatch(pattern.c_str(), l.c_str(), 0) == 0) out.push_back(l);
+        if (fnmatch(pattern.c_str(), l.c_str(), FNM_NOESCAPE) == 0) out.push_back(l);
     return out;
 }
 
