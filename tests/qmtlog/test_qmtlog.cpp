@@ -17,7 +17,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <thread>
 #endif
 
 #include <atomic>
@@ -27,15 +26,14 @@
 #include <cstring>
 #include <cstdlib>
 #include <ctime>
-#include <deque>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iomanip>
 #include <map>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -49,25 +47,11 @@ constexpr int kBadHandle = 6;      // ERROR_INVALID_HANDLE
 
 #ifdef _WIN32
 std::string who() { return std::to_string(GetCurrentProcessId()) + "/" + std::to_string(GetCurrentThreadId()); }
-void pause_ms(int ms) { Sleep(ms); }
 // Lines of each writer process: under Wine every write is a round trip to its server.
 constexpr int kPerProcess = 1000;
-// The compiler's win32 thread model has no std::thread.
-class Thread {
-public:
-    explicit Thread(std::function<void()> f) : f_(std::move(f)), h_(CreateThread(nullptr, 0, run, this, 0, nullptr)) {}
-    void join() { WaitForSingleObject(h_, INFINITE), CloseHandle(h_); }
-
-private:
-    static DWORD WINAPI run(void *self) { return static_cast<Thread *>(self)->f_(), 0; }
-    std::function<void()> f_;
-    HANDLE h_;
-};
 #else
 // "pid/tid" of the calling thread, as every line shows it.
 std::string who() { return std::to_string(getpid()) + "/" + std::to_string(gettid()); }
-void pause_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-using Thread = std::thread;
 constexpr int kPerProcess = 10000;
 #endif
 
@@ -306,7 +290,7 @@ TEST_F(Log, ConcurrentThreadsInterleaveOnlyWholeLines) {
     constexpr int kPerThread = kPerProcess / 5;
     HANDLE h = open(module());
     std::vector<std::string> names{"t0", "t1", "t2", "t3"};
-    std::deque<Thread> threads;
+    std::vector<std::thread> threads;
     for (const auto &n : names) threads.emplace_back([h, n] { write_many(h, n.c_str(), kPerThread); });
     for (auto &t : threads) t.join();
     expect_whole_lines(read(path(module())), names, kPerThread);
@@ -500,13 +484,13 @@ TEST_F(Log, AWriterWaitsForAHeldLockOnlyForABoundedTime) {
     auto holder = std::make_unique<Holder>(path(module(), ".lock"), mutex_name());
     ASSERT_TRUE(holder->held());
     std::atomic<bool> done{false};
-    Thread writer([h, &done] {
+    std::thread writer([h, &done] {
         QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 2, "Fn", "%s", "while held");
         QmtLogWrite(h, QMTLOG_ERROR, 0, "f.cpp", 3, "Fn", "%s", "still held");
         done = true;
     });
     // Generous: one wait of about a second, then no wait for the line after it.
-    for (int i = 0; i < 1000 && !done; ++i) pause_ms(10);
+    for (int i = 0; i < 1000 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     const bool bounded = done;
     holder.reset();  // lets a writer that does wait for ever go, so the test can end
     writer.join();
