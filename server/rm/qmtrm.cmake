@@ -5,7 +5,7 @@ find_package(CLI11 CONFIG QUIET)
 find_package(pugixml REQUIRED)
 find_package(nlohmann_json REQUIRED)
 # The host's status board in shared memory, written by qmtrm and read by qmtstat.
-add_library(qmtrm_board STATIC ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board.cpp)
+add_library(qmtrm_board STATIC ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board.cpp ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board_posix.cpp)
 target_include_directories(qmtrm_board PUBLIC ${CMAKE_CURRENT_LIST_DIR}
   ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include ${PROJECT_SOURCE_DIR}/server/platform/include)
 target_link_libraries(qmtrm_board PUBLIC qmtutil)

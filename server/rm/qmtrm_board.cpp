@@ -3,12 +3,6 @@
 
 #include "qmtutil.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -73,70 +67,19 @@ int64_t wall_ms()
         .count();
 }
 
-// Reads what is there; a short file is what the caller checks against the header.
-ssize_t read_all(int fd, void *buffer, size_t size)
-{
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = pread(fd, static_cast<char *>(buffer) + done, size - done, static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return n < 0 ? -1 : static_cast<ssize_t>(done);
-        done += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(done);
-}
-
-std::string holder_text(int fd)
+std::string holder_text(const std::string &name)
 {
     Header h{};
-    if (read_all(fd, &h, sizeof h) == static_cast<ssize_t>(sizeof h) && h.magic == kMagic && h.pid > 0)
-        return "qmtrm pid " + std::to_string(h.pid);
+    std::string bytes, why;
+    if (read_segment(name, sizeof h, &bytes, &why) == 0 && bytes.size() == sizeof h) {
+        std::memcpy(&h, bytes.data(), sizeof h);
+        if (h.magic == kMagic && h.pid > 0)
+            return "qmtrm pid " + std::to_string(h.pid);
+    }
     return "another qmtrm run";
 }
 
 } // namespace
-
-ProcessId process_id(int pid)
-{
-    ProcessId me;
-    me.pid = pid > 0 ? pid : static_cast<int>(getpid());
-    std::ifstream stat("/proc/" + std::to_string(me.pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    // Field 22 is the start time; the command name (field 2) may hold blanks, so count from its ')'.
-    size_t paren = text.rfind(')');
-    if (paren != std::string::npos) {
-        std::istringstream rest(text.substr(paren + 1));
-        std::string field;
-        for (int i = 3; i <= 22 && rest >> field; ++i)
-            if (i == 22)
-                me.start = std::strtoull(field.c_str(), nullptr, 10);
-    }
-    return me;
-}
-
-bool process_alive(const ProcessId &process)
-{
-    if (process.pid <= 0)
-        return false;
-    std::ifstream stat("/proc/" + std::to_string(process.pid) + "/stat");
-    if (!stat)
-        return false;
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    size_t paren = text.rfind(')');
-    if (paren == std::string::npos)
-        return false;
-    std::istringstream rest(text.substr(paren + 1));
-    std::string field;
-    for (int i = 3; i <= 22 && rest >> field; ++i) {
-        if (i == 3 && field == "Z")
-            return false;  // a zombie has left for good
-        if (i == 22)
-            return std::strtoull(field.c_str(), nullptr, 10) == process.start;
-    }
-    return false;
-}
 
 std::string server_name()
 {
@@ -152,7 +95,7 @@ std::string default_shm_prefix()
     std::string server;
     for (char c : server_name().substr(0, 64))
         server += std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_' ? c : '_';
-    return "/qmt-" + std::to_string(geteuid()) + "-" + server;
+    return "/qmt-" + user_tag() + "-" + server;
 }
 
 std::string shm_prefix()
@@ -176,41 +119,21 @@ Board *Board::create(const std::string &prefix, const std::string &service, cons
         *why = "more than " + std::to_string(kMaxRows) + " resources";
         return nullptr;
     }
-    // Made anew with O_EXCL; an existing one is taken over only when it is ours and its holder is
-    // gone. The holder keeps an flock on it for its life, which the kernel drops when it dies.
-    int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0 && errno == EEXIST)
-        fd = shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
-    if (fd < 0) {
-        *why = "cannot open the shared memory " + name + ": " + std::strerror(errno);
-        return nullptr;
-    }
-    struct stat st {};
-    if (fstat(fd, &st) != 0 || st.st_uid != geteuid()) {
-        *why = "the shared memory " + name + " belongs to user " + std::to_string(st.st_uid) + ", not to us";
-        close(fd);
-        return nullptr;
-    }
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    size_t size = sizeof(Header) + rows.size() * sizeof(Row);
+    Segment segment;
+    switch (create_segment(name, size, &segment, why)) {
+    case SegmentOpen::Ok:
+        break;
+    case SegmentOpen::InUse:
         // Its creator may still be writing the header: give it a moment before naming it.
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        *why = "the shared memory " + name + " is in use by " + holder_text(fd) +
+        *why = "the shared memory " + name + " is in use by " + holder_text(name) +
                "; stop it first or choose another --shm-name";
-        close(fd);
+        return nullptr;
+    case SegmentOpen::Failed:
         return nullptr;
     }
-    size_t size = sizeof(Header) + rows.size() * sizeof(Row);
-    if (fchmod(fd, 0600) != 0 || ftruncate(fd, 0) != 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) {
-        *why = "cannot size the shared memory " + name + ": " + std::strerror(errno);
-        close(fd);
-        return nullptr;
-    }
-    void *map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (map == MAP_FAILED) {
-        *why = "cannot map the shared memory " + name + ": " + std::strerror(errno);
-        close(fd);
-        return nullptr;
-    }
+    void *map = segment.map;
     auto *header = static_cast<Header *>(map);
     auto *table = reinterpret_cast<Row *>(header + 1);
     for (size_t i = 0; i < rows.size(); ++i) {
@@ -234,25 +157,17 @@ Board *Board::create(const std::string &prefix, const std::string &service, cons
     std::atomic_ref<uint32_t>(header->magic).store(kMagic, std::memory_order_release);
 
     Board *board = new Board;
-    board->name_ = name;
-    board->fd_ = fd;
-    board->map_ = map;
-    board->size_ = size;
+    board->segment_ = segment;
     for (const BoardEntry &row : rows)
         board->base_flags_.push_back(row.flags);
     return board;
 }
 
-Board::~Board()
-{
-    munmap(map_, size_);
-    shm_unlink(name_.c_str());
-    close(fd_);
-}
+Board::~Board() { remove_segment(&segment_); }
 
 void Board::update(size_t index, const BoardEntry &entry)
 {
-    auto *header = static_cast<Header *>(map_);
+    auto *header = static_cast<Header *>(segment_.map);
     if (index >= header->capacity)
         return;
     Row &row = reinterpret_cast<Row *>(header + 1)[index];
@@ -269,21 +184,20 @@ void Board::update(size_t index, const BoardEntry &entry)
 int read_board(const std::string &name, BoardView *out, std::string *why)
 {
     *out = BoardView{};
-    int fd = shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
-    if (fd < 0)
-        return errno;
-    int rc = 0;
-    struct stat st {};
+    std::string bytes;
+    int rc = read_segment(name, sizeof(Header) + kMaxRows * sizeof(Row), &bytes, why);
+    if (rc != 0)
+        return rc;
     Header h{};
     std::vector<Row> rows;
     do {
-        if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-            rc = EINVAL;
-            *why = "not a shared-memory segment";
+        if (bytes.size() < sizeof h) {
+            rc = EPROTO;
+            *why = "not a host status board (or one still being set up)";
             break;
         }
-        if (read_all(fd, &h, sizeof h) != static_cast<ssize_t>(sizeof h) || h.magic != kMagic ||
-            h.version != kVersion || h.row_size != sizeof(Row)) {
+        std::memcpy(&h, bytes.data(), sizeof h);
+        if (h.magic != kMagic || h.version != kVersion || h.row_size != sizeof(Row)) {
             rc = EPROTO;
             *why = "not a host status board (or one still being set up)";
             break;
@@ -292,10 +206,8 @@ int read_board(const std::string &name, BoardView *out, std::string *why)
         out->started_ms = h.started_ms;
         out->service = read_text(h.service);
         out->server = read_text(h.server);
-        // Every count is checked against what the file holds, never trusted.
-        uint64_t fits = st.st_size > static_cast<off_t>(sizeof h)
-                            ? (static_cast<uint64_t>(st.st_size) - sizeof h) / sizeof(Row)
-                            : 0;
+        // Every count is checked against what the segment holds, never trusted.
+        uint64_t fits = (bytes.size() - sizeof h) / sizeof(Row);
         uint64_t count = std::min<uint64_t>({h.count, h.capacity, fits, kMaxRows});
         if (h.count > h.capacity || h.capacity > fits) {
             rc = EPROTO;
@@ -303,10 +215,9 @@ int read_board(const std::string &name, BoardView *out, std::string *why)
                    " rows; the segment holds " + std::to_string(fits);
         }
         rows.resize(count);
-        ssize_t got = count ? pread(fd, rows.data(), count * sizeof(Row), sizeof h) : 0;
-        rows.resize(got > 0 ? static_cast<size_t>(got) / sizeof(Row) : 0);
+        if (count)
+            std::memcpy(rows.data(), bytes.data() + sizeof h, count * sizeof(Row));
     } while (false);
-    close(fd);
     for (const Row &r : rows) {
         BoardEntry e;
         e.name = read_text(r.name);

@@ -18,7 +18,8 @@ struct ProcessId {
     int pid = 0;
     uint64_t start = 0;
 };
-// A process as /proc names it now; the calling process by default.
+// A process as the system names it now (/proc, or its creation time on Windows); the calling
+// process by default.
 ProcessId process_id(int pid = 0);
 bool process_alive(const ProcessId &process);
 
@@ -60,6 +61,24 @@ std::string shm_prefix();
 // The segment's name for a shared-memory prefix (as QMT_SHM_NAME) and a service.
 std::string board_name(const std::string &prefix, const std::string &service);
 
+// The segment as the system keeps it (qmtrm_board_posix.cpp: a POSIX shared-memory object
+// locked with flock; qmtrm_board_win.cpp: a named file mapping and a named mutex that its writer
+// owns). create_segment() makes it for its one writer, or takes it over when its writer is gone;
+// read_segment() copies at most `limit` of its bytes: 0, ENOENT when there is none, or another
+// errno value with *why.
+struct Segment {
+    std::string name;
+    void *map = nullptr;
+    size_t size = 0;
+    intptr_t handles[2] = {-1, -1};
+};
+enum class SegmentOpen { Ok, InUse, Failed };
+SegmentOpen create_segment(const std::string &name, size_t size, Segment *out, std::string *why);
+void remove_segment(Segment *segment);
+int read_segment(const std::string &name, size_t limit, std::string *bytes, std::string *why);
+// The running user as a name may carry it: the effective uid, or the user name on Windows.
+std::string user_tag();
+
 // The writer's side. create() makes the segment (mode 0600, never following a planted name) or
 // takes over one whose writer is gone; it refuses while another process holds the name. The
 // writer it names is `writer` (the process the operator started), else the calling process.
@@ -79,10 +98,7 @@ public:
 private:
     Board() = default;
     std::vector<uint32_t> base_flags_;  // the rows' flags at creation (kRowNoVolume)
-    std::string name_;
-    int fd_ = -1;
-    void *map_ = nullptr;
-    size_t size_ = 0;
+    Segment segment_;
 };
 
 // Reads a board without mapping it (a segment that shrinks under the reader cannot hurt it).

@@ -3,19 +3,13 @@
 #include "qmtrm_health.h"
 
 #include "qmtplat.h"
+#include "qmtrm_platform.h"
 #include "qmtxml.h"
 
 #include <CLI/CLI.hpp>
 
-#include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstring>
-
-extern char **environ;
+#include <thread>
 
 namespace qmtrm {
 
@@ -39,16 +33,6 @@ bool int_value(const std::string &key, int *value)
         return false;
     *value = v;
     return true;
-}
-
-// Changes when the file is replaced or written.
-std::string file_stamp(const std::string &path)
-{
-    struct stat st {};
-    if (stat(path.c_str(), &st) != 0)
-        return {};
-    return std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" + std::to_string(st.st_mtim.tv_sec) +
-           "." + std::to_string(st.st_mtim.tv_nsec);
 }
 
 std::string describe(const std::string &name, DWORD status)
@@ -151,10 +135,8 @@ Health::Health(Service service, const std::vector<BoardEntry> &rows)
 
 Health::~Health()
 {
-    if (child_ > 0) {
-        kill(child_, SIGKILL);
-        waitpid(child_, nullptr, 0);
-    }
+    if (child_ != -1)
+        platform::kill_command(child_);
 }
 
 void Health::step(const Engine &engine, Reporter &reporter)
@@ -175,10 +157,11 @@ void Health::step(const Engine &engine, Reporter &reporter)
             if (!options.attribute.empty())
                 queue_.push_back({{"attrd_updater", "-n", options.attribute, "-U", colour_name(colour)}, {}});
             if (!options.on_change.empty())
-                queue_.push_back({{"/bin/sh", "-c", options.on_change},
+                queue_.push_back({platform::shell_command(options.on_change),
                                   {std::string("QMT_HEALTH=") + colour_name(colour),
                                    std::string("QMT_HEALTH_PREVIOUS=") + colour_name(colour_),
-                                   "QMT_HEALTH_REASON=" + why}});
+                                   "QMT_HEALTH_REASON=" + why},
+                                  true});
         }
         colour_ = colour;
         why_ = why;
@@ -199,53 +182,28 @@ void Health::finish(Reporter &reporter)
 
 void Health::spawn_next(Reporter &reporter)
 {
-    if (child_ > 0 || queue_.empty())
+    if (child_ != -1 || queue_.empty())
         return;
     Command cmd = std::move(queue_.front());
     queue_.pop_front();
-    std::vector<char *> argv;
-    for (auto &a : cmd.argv)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> env_store;
-    for (char **e = environ; *e != nullptr; ++e)
-        env_store.emplace_back(*e);
-    env_store.insert(env_store.end(), cmd.env.begin(), cmd.env.end());
-    std::vector<char *> envp;
-    for (auto &e : env_store)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-    // The run blocks its stop signals in every thread; the command must get the default mask.
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
-    pid_t pid = -1;
-    int rc = posix_spawnp(&pid, argv[0], nullptr, &attr, argv.data(), envp.data());
-    posix_spawnattr_destroy(&attr);
-    child_what_ = cmd.argv[0] == "/bin/sh" ? "--on-change command" : cmd.argv[0];
-    if (rc != 0) {
-        reporter.line("", "health: cannot run " + child_what_ + ": " + std::strerror(rc));
+    child_what_ = cmd.hook ? "--on-change command" : cmd.argv[0];
+    std::string why;
+    if (!platform::start_command(cmd.argv, cmd.env, &child_, &why)) {
+        child_ = -1;
+        reporter.line("", "health: cannot run " + child_what_ + ": " + why);
         return;
     }
-    child_ = pid;
     child_started_ = std::chrono::steady_clock::now();
 }
 
 void Health::reap(Reporter &reporter, bool block)
 {
-    while (child_ > 0) {
-        int status = 0;
-        pid_t got = waitpid(child_, &status, WNOHANG);
-        if (got == child_) {
+    while (child_ != -1) {
+        std::string failure;
+        if (platform::command_ended(child_, &failure)) {
             child_ = -1;
-            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-                reporter.line("", "health: " + child_what_ + " failed (" +
-                                      (WIFEXITED(status) ? "exit status " + std::to_string(WEXITSTATUS(status))
-                                                         : "signal " + std::to_string(WTERMSIG(status))) +
-                                      ")");
+            if (!failure.empty())
+                reporter.line("", "health: " + child_what_ + " failed (" + failure + ")");
             if (block)
                 spawn_next(reporter);
             continue;
@@ -253,14 +211,13 @@ void Health::reap(Reporter &reporter, bool block)
         if (std::chrono::steady_clock::now() - child_started_ >= kCommandLimit) {
             reporter.line("", "health: " + child_what_ + " still running after " +
                                   std::to_string(kCommandLimit.count()) + " s; killed");
-            kill(child_, SIGKILL);
-            waitpid(child_, nullptr, 0);
+            platform::kill_command(child_);
             child_ = -1;
             continue;
         }
         if (!block)
             return;
-        usleep(20 * 1000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
 
@@ -270,7 +227,7 @@ SimFollower::SimFollower()
     if (file == nullptr || *file == '\0' || std::strcmp(qmtp_storage_name(), "sim") != 0)
         return;
     path_ = file;
-    stamp_ = file_stamp(path_);
+    stamp_ = platform::file_stamp(path_);
 }
 
 void SimFollower::step(Reporter &reporter)
@@ -279,7 +236,7 @@ void SimFollower::step(Reporter &reporter)
     if (path_.empty() || now < next_)
         return;
     next_ = now + std::chrono::milliseconds(500);
-    std::string stamp = file_stamp(path_);
+    std::string stamp = platform::file_stamp(path_);
     if (stamp.empty() || stamp == stamp_)
         return;
     stamp_ = stamp;

@@ -4,7 +4,7 @@
 #include "qmtrm_board.h"
 #include "qmtrm_engine.h"
 
-#include <sys/types.h>
+#include <cstdint>
 
 namespace CLI {
 class App;
@@ -54,6 +54,7 @@ private:
     struct Command {
         std::vector<std::string> argv;
         std::vector<std::string> env;  // NAME=VALUE added to the environment
+        bool hook = false;             // the operator's --on-change command
     };
     void reap(Reporter &reporter, bool block);
     void spawn_next(Reporter &reporter);
@@ -62,7 +63,7 @@ private:
     Colour colour_ = Colour::None;
     std::string why_;
     std::deque<Command> queue_;
-    pid_t child_ = -1;
+    intptr_t child_ = -1;
     std::string child_what_;
     std::chrono::steady_clock::time_point child_started_{};
 };

@@ -3,8 +3,10 @@
 // requests, the platform layer's own test seams).
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <string>
+#include <vector>
 
 namespace qmtrm::platform {
 
@@ -40,5 +42,20 @@ void wake_stop_watch();
 bool fault_set(const std::string &function, unsigned nth, unsigned long error, std::string *why);
 bool fault_clear(std::string *why);
 bool live_count(bool allocations, long *count, std::string *why);
+
+// The commands that `run` starts for the health colour: with this process's environment and
+// `env` (NAME=VALUE) added, never waited for by the caller. command_ended() is false while the
+// command runs, then true with *failure empty when it exited 0, else what went wrong.
+bool start_command(const std::vector<std::string> &argv, const std::vector<std::string> &env, intptr_t *child,
+                   std::string *why);
+bool command_ended(intptr_t child, std::string *failure);
+void kill_command(intptr_t child);
+// An operator's shell command line as a command: /bin/sh -c TEXT, or cmd /c TEXT on Windows.
+std::vector<std::string> shell_command(const std::string &text);
+
+// A stamp of a file that changes when it is replaced or written; empty when there is none.
+std::string file_stamp(const std::string &path);
+// The processor time this process has had so far, in ms.
+long cpu_ms();
 
 } // namespace qmtrm::platform

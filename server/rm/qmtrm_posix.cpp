@@ -1,5 +1,6 @@
 // qmtrm_posix.cpp - the host's side of the system on POSIX: the plug-in beside the program,
-// environment and folders, stop signals through a pipe, and the platform layer's test seams.
+// environment and folders, stop signals through a pipe, the platform layer's test seams, and the
+// health commands.
 #include "qmtrm_platform.h"
 
 #include "qmtplat.h"
@@ -7,13 +8,18 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+
+extern char **environ;
 
 namespace qmtrm::platform {
 
@@ -126,6 +132,78 @@ bool live_count(bool allocations, long *count, std::string *)
 {
     *count = allocations ? qmtp_live_allocations() : qmtp_live_handles();
     return true;
+}
+
+bool start_command(const std::vector<std::string> &args, const std::vector<std::string> &env, intptr_t *child,
+                   std::string *why)
+{
+    std::vector<std::string> arg_store(args);
+    std::vector<char *> argv;
+    for (auto &a : arg_store)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::vector<std::string> env_store;
+    for (char **e = environ; *e != nullptr; ++e)
+        env_store.emplace_back(*e);
+    env_store.insert(env_store.end(), env.begin(), env.end());
+    std::vector<char *> envp;
+    for (auto &e : env_store)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+    // The run blocks its stop signals in every thread; the command must get the default mask.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
+    pid_t pid = -1;
+    int rc = posix_spawnp(&pid, argv[0], nullptr, &attr, argv.data(), envp.data());
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) {
+        *why = std::strerror(rc);
+        return false;
+    }
+    *child = pid;
+    return true;
+}
+
+bool command_ended(intptr_t child, std::string *failure)
+{
+    int status = 0;
+    if (waitpid(static_cast<pid_t>(child), &status, WNOHANG) != static_cast<pid_t>(child))
+        return false;
+    failure->clear();
+    if (!WIFEXITED(status))
+        *failure = "signal " + std::to_string(WTERMSIG(status));
+    else if (WEXITSTATUS(status) != 0)
+        *failure = "exit status " + std::to_string(WEXITSTATUS(status));
+    return true;
+}
+
+void kill_command(intptr_t child)
+{
+    kill(static_cast<pid_t>(child), SIGKILL);
+    waitpid(static_cast<pid_t>(child), nullptr, 0);
+}
+
+std::vector<std::string> shell_command(const std::string &text) { return {"/bin/sh", "-c", text}; }
+
+std::string file_stamp(const std::string &path)
+{
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0)
+        return {};
+    return std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" + std::to_string(st.st_mtim.tv_sec) +
+           "." + std::to_string(st.st_mtim.tv_nsec);
+}
+
+long cpu_ms()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000L +
+           (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000L;
 }
 
 } // namespace qmtrm::platform

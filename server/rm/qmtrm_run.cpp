@@ -5,16 +5,12 @@
 #include "qmtrm_health.h"
 
 #include "qmtplat.h"
+#include "qmtrm_platform.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -24,10 +20,11 @@ namespace qmtrm {
 
 namespace {
 
-// The signals are taken by a handler that only writes their number into a pipe; a thread of
-// ours reads the pipe and acts according to the stage of the run. No signal is ever blocked, so
-// neither a read of the configuration that never returns nor an initialisation that hangs keeps
-// SIGTERM from being answered, and the plug-in's threads take the handler as harmlessly as ours.
+// The signals are taken by a handler that only passes their number on (qmtrm_posix.cpp: through
+// a pipe); a thread of ours takes them and acts according to the stage of the run. No signal is
+// ever blocked, so neither a read of the configuration that never returns nor an initialisation
+// that hangs keeps SIGTERM from being answered, and the plug-in's threads take the handler as
+// harmlessly as ours.
 enum Stage : int { kPreparing, kInitialising, kRunning, kStopping, kDone };
 
 struct RunControl {
@@ -36,21 +33,11 @@ struct RunControl {
     std::atomic<Engine *> engine{nullptr};
     std::atomic<Reporter *> reporter{nullptr};
     int stop_wait_ms = 0;
-    int pipe_fds[2] = {-1, -1};
     std::mutex mutex;
     std::condition_variable wake;
 };
 
 RunControl *control = nullptr;
-
-void on_signal(int signal_number)
-{
-    int saved = errno;
-    unsigned char byte = static_cast<unsigned char>(signal_number);
-    if (control != nullptr)
-        (void)!write(control->pipe_fds[1], &byte, 1);
-    errno = saved;
-}
 
 const char *signal_name(int signal_number)
 {
@@ -95,8 +82,7 @@ void watch_signals()
     int deadline_ms = -1;  // set while waiting for an initialisation to return after a stop signal
     auto since = std::chrono::steady_clock::now();
     for (;;) {
-        pollfd p{control->pipe_fds[0], POLLIN, 0};
-        int n = poll(&p, 1, deadline_ms < 0 ? -1 : 100);
+        int sig = platform::wait_stop_request(deadline_ms < 0 ? -1 : 100);
         int stage = control->stage.load();
         if (stage == kDone)
             return;
@@ -104,13 +90,9 @@ void watch_signals()
             std::chrono::steady_clock::now() - since >= std::chrono::milliseconds(deadline_ms))
             leave(kExitStuck, "the initialisation still runs " + std::to_string(deadline_ms) +
                                   " ms after the stop signal; leaving without teardown" + kernel_probes());
-        if (n <= 0)
+        if (sig <= 0)
             continue;
-        unsigned char byte = 0;
-        if (read(control->pipe_fds[0], &byte, 1) != 1 || byte == 0)
-            continue;
-        int sig = byte;
-        if (sig == SIGHUP) {
+        if (sig != SIGINT && sig != SIGTERM) {
             say("SIGHUP ignored: stop with SIGINT or SIGTERM");
             continue;
         }
@@ -159,7 +141,7 @@ std::vector<std::string> plugin_errors_since(const std::string &file, std::strea
     if (in.tellg() < offset)
         offset = 0;  // rotated meanwhile: the attempt's lines are at the start of the new file
     in.seekg(offset);
-    const std::string mine = " " + std::to_string(getpid()) + "/";
+    const std::string mine = " " + std::to_string(process_id().pid) + "/";
     std::string line;
     while (std::getline(in, line) && out.size() < 50)
         if (line.find(mine) != std::string::npos &&
@@ -212,28 +194,20 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
     static RunControl run_control;
     control = &run_control;
     control->stop_wait_ms = stop_wait_ms;
-    if (pipe2(control->pipe_fds, O_CLOEXEC | O_NONBLOCK) != 0) {
-        std::fprintf(stderr, "qmtrm: cannot create a pipe: %s\n", std::strerror(errno));
+    std::string why;
+    if (!platform::open_stop_requests(&why)) {
+        std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
         return kExitInit;
     }
-    // The reading end waits in poll(); only the writing end must never block (in the handler).
-    fcntl(control->pipe_fds[0], F_SETFL, 0);
     std::thread watcher(watch_signals);
-    struct sigaction action {};
-    action.sa_handler = on_signal;
-    action.sa_flags = SA_RESTART;
-    sigemptyset(&action.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP})
-        sigaction(sig, &action, nullptr);
+    platform::catch_stop_requests();
     auto finish = [&](int code) {
         control->stage = kDone;
-        unsigned char wake = 0;
-        (void)!write(control->pipe_fds[1], &wake, 1);
+        platform::wake_stop_watch();
         watcher.join();
         return code;
     };
 
-    std::string why;
     if (!apply_env(env, &why)) {
         std::fprintf(stderr, "qmtrm: %s\n", why.c_str());
         return finish(kExitInit);
@@ -336,10 +310,7 @@ int run_main(Service service, const EnvOptions &env, int threads, int stop_wait_
                                   "; leaving without teardown" + kernel_probes());
         }
         health.finish(reporter);
-        rusage usage{};
-        getrusage(RUSAGE_SELF, &usage);
-        long cpu_ms = (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000L +
-                      (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000L;
+        long cpu_ms = platform::cpu_ms();
         reporter.line("", "passes: " + std::to_string(engine.passes()) + ", pool threads: " +
                               std::to_string(engine.workers()) + ", cpu: " + std::to_string(cpu_ms) + " ms");
         control->engine = nullptr;

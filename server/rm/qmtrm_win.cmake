@@ -20,6 +20,11 @@ add_executable(qmtrm
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_plugin.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script_parse.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_run.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_engine.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_health.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board_win.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_win.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm.rc
   ${PROJECT_SOURCE_DIR}/server/lib/qmtxml/keypath.cpp
@@ -36,7 +41,28 @@ set(QMTRM_BUILD_NUMBER 1 CACHE STRING "Fourth part of qmtrm's version")
 target_compile_definitions(qmtrm PRIVATE QMTSHM_BUILDING
   QMTRM_VERSION_MAJOR=${PROJECT_VERSION_MAJOR} QMTRM_VERSION_MINOR=${PROJECT_VERSION_MINOR}
   QMTRM_VERSION_PATCH=${PROJECT_VERSION_PATCH} QMTRM_VERSION_BUILD=${QMTRM_BUILD_NUMBER})
+# GCC 12 at -O3 reports "literal + std::string" as overlapping copies (its bug 105329).
+target_compile_options(qmtrm PRIVATE -Wno-restrict)
 target_link_libraries(qmtrm PRIVATE qmtwin_seam qmtlog qmtxml qmtutil qmt_pugixml)
 target_link_options(qmtrm PRIVATE -static-libgcc -static-libstdc++)
 # The plug-in is only loaded; building qmtrm builds the one it loads by default.
 add_dependencies(qmtrm qmtsdw_seam)
+
+# qmtstat.exe: the viewer, with the shared memories' readers compiled in as qmtrm.exe has them.
+add_executable(qmtstat
+  ${CMAKE_CURRENT_LIST_DIR}/qmtstat.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board_win.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_win.cpp
+  ${shm}/qmtshmcm.cpp ${shm}/qmtshmrm.cpp ${shm}/shm_segment.cpp ${shm}/shm_win.cpp)
+target_include_directories(qmtstat PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}
+  ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include
+  ${PROJECT_SOURCE_DIR}/server/platform/include
+  ${shm}
+  ${PROJECT_SOURCE_DIR}/server/lib/common)
+target_include_directories(qmtstat SYSTEM PRIVATE ${qmtrm_host_headers})
+target_compile_definitions(qmtstat PRIVATE QMTSHM_BUILDING QMTSTAT_VERSION="${PROJECT_VERSION}")
+target_compile_options(qmtstat PRIVATE -Wno-restrict)
+target_link_libraries(qmtstat PRIVATE qmtwin_seam qmtlog qmtutil)
+target_link_options(qmtstat PRIVATE -static-libgcc -static-libstdc++)

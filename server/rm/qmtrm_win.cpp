@@ -1,22 +1,20 @@
 // qmtrm_win.cpp - the host's side of the system on Windows: the plug-in's test variant beside the
 // program, with this process's simulated storage and tick installed through its seam; the
-// environment and folders; Ctrl-C, Ctrl-Break and the console's close as stop requests. The work
-// runs in the process the operator started (no supervising parent), and the platform layer's
-// fault injection and live counters, which the system does not have, are refused.
+// environment and folders; Ctrl-C, Ctrl-Break and the console's close as stop requests; the
+// health commands as processes of their own. The work runs in the process the operator started
+// (no supervising parent), and the platform layer's fault injection and live counters, which the
+// system does not have, are refused.
 #include "qmtrm.h"
-#include "qmtrm_board.h"
-#include "qmtrm_health.h"
 #include "qmtrm_platform.h"
 
 #include "qmtseam.h"
-#include "qmtutil.h"
 
 #include <signal.h>
 
-#include <cctype>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <mutex>
@@ -150,6 +148,93 @@ bool live_count(bool, long *, std::string *why)
     return false;
 }
 
+bool start_command(const std::vector<std::string> &argv, const std::vector<std::string> &env, intptr_t *child,
+                   std::string *why)
+{
+    // One command line, each word quoted as the runtime splits it again.
+    std::string line;
+    for (const std::string &arg : argv) {
+        std::string quoted = "\"";
+        size_t slashes = 0;
+        for (char c : arg) {
+            if (c == '\\') {
+                ++slashes;
+                continue;
+            }
+            quoted.append(c == '"' ? slashes * 2 + 1 : slashes, '\\');
+            slashes = 0;
+            quoted += c;
+        }
+        quoted.append(slashes * 2, '\\');
+        line += (line.empty() ? "" : " ") + quoted + "\"";
+    }
+    // This process's environment with the additions, as the system wants it: NAME=VALUE\0...\0.
+    std::string block;
+    if (char *strings = GetEnvironmentStringsA()) {
+        for (const char *p = strings; *p; p += std::strlen(p) + 1)
+            block.append(p, std::strlen(p) + 1);
+        FreeEnvironmentStringsA(strings);
+    }
+    for (const std::string &e : env)
+        block.append(e.c_str(), e.size() + 1);
+    block += '\0';
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION info{};
+    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, block.data(), nullptr, &startup, &info)) {
+        *why = "error " + std::to_string(GetLastError());
+        return false;
+    }
+    CloseHandle(info.hThread);
+    *child = reinterpret_cast<intptr_t>(info.hProcess);
+    return true;
+}
+
+bool command_ended(intptr_t child, std::string *failure)
+{
+    HANDLE process = reinterpret_cast<HANDLE>(child);
+    if (WaitForSingleObject(process, 0) != WAIT_OBJECT_0)
+        return false;
+    DWORD code = 0;
+    GetExitCodeProcess(process, &code);
+    CloseHandle(process);
+    failure->clear();
+    if (code != 0)
+        *failure = "exit status " + std::to_string(code);
+    return true;
+}
+
+void kill_command(intptr_t child)
+{
+    HANDLE process = reinterpret_cast<HANDLE>(child);
+    TerminateProcess(process, 1);
+    WaitForSingleObject(process, INFINITE);
+    CloseHandle(process);
+}
+
+std::vector<std::string> shell_command(const std::string &text) { return {"cmd.exe", "/c", text}; }
+
+std::string file_stamp(const std::string &path)
+{
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data))
+        return {};
+    return std::to_string(data.nFileSizeHigh) + ":" + std::to_string(data.nFileSizeLow) + ":" +
+           std::to_string(data.ftLastWriteTime.dwHighDateTime) + "." +
+           std::to_string(data.ftLastWriteTime.dwLowDateTime);
+}
+
+long cpu_ms()
+{
+    FILETIME created{}, exited{}, kernel{}, user{};
+    if (!GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user))
+        return 0;
+    auto ms = [](const FILETIME &t) {
+        return static_cast<long>(((static_cast<uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime) / 10000u);
+    };
+    return ms(kernel) + ms(user);
+}
+
 } // namespace qmtrm::platform
 
 namespace qmtrm {
@@ -168,37 +253,6 @@ void leave_now(int code)
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(code));
     for (;;)
         Sleep(INFINITE);
-}
-
-std::string server_name()
-{
-    char buffer[256] = {};
-    if (cs_gethostname(buffer, static_cast<int>(sizeof buffer), 1, nullptr) != 0)
-        return {};
-    return std::string(buffer, strnlen(buffer, sizeof buffer));
-}
-
-std::string default_shm_prefix()
-{
-    char user[256] = {};
-    DWORD size = sizeof user;
-    if (!GetUserNameA(user, &size))
-        user[0] = '\0';
-    std::string name;
-    for (const char *p = user; *p; ++p)
-        name += std::isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-    std::string server;
-    for (char c : server_name().substr(0, 64))
-        server += std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_' ? c : '_';
-    return "/qmt-" + name + "-" + server;
-}
-
-void add_health_options(CLI::App *) {}
-
-int run_main(Service, const EnvOptions &, int, int, double, bool)
-{
-    std::fprintf(stderr, "qmtrm: run is not available on this platform yet\n");
-    return kExitUsage;
 }
 
 int demo_main(Service, double, bool, const std::string &, bool)

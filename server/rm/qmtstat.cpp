@@ -3,6 +3,7 @@
 // `qmtrm run`), the plug-in's progress and description (from the resource shared memory), the
 // check point of a disknp worker, and which process writes it, marked stale when it is gone.
 #include "qmtrm_board.h"
+#include "qmtrm_platform.h"
 #include "qmtlog.h"
 #include "qmtshm.h"
 #include "qmtshm_admin.h"
@@ -334,11 +335,11 @@ int main(int argc, char **argv)
         return rc == 0 ? kOk : kUsage;
     }
     if (!host.empty())
-        setenv("QMT_HOSTNAME", host.c_str(), 1);
+        qmtrm::platform::set_env("QMT_HOSTNAME", host);
     if (!shm_name.empty())
-        setenv("QMT_SHM_NAME", shm_name.c_str(), 1);
+        qmtrm::platform::set_env("QMT_SHM_NAME", shm_name);
     // The libraries and the plug-in read the prefix from the environment: give them the default too.
-    setenv("QMT_SHM_NAME", qmtrm::shm_prefix().c_str(), 1);
+    qmtrm::platform::set_env("QMT_SHM_NAME", qmtrm::shm_prefix());
 
     if (*set) {
         int rc = shmcm_setratio(ratio);
@@ -360,7 +361,7 @@ int main(int argc, char **argv)
             char stamp[32];
             time_t t = time(nullptr);
             struct tm tmv {};
-            localtime_r(&t, &tmv);
+            qmtrm::platform::local_time(t, &tmv);
             strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tmv);
             std::printf("--- %s\n", stamp);
         }

@@ -6,7 +6,8 @@
 # in sdw.log and rm.log. Masked: time stamps, process and thread ids, handle and pointer values,
 # ticks, and the measured times of a pass (see masked()). On Windows, `expect-live` lines are left out: they
 # check the POSIX layer's own counters and call nothing. Exits 77 (skipped) where Wine is not
-# installed, unless QMT_REQUIRE_WINE=1.
+# installed, unless QMT_REQUIRE_WINE=1. Then `qmtrm.exe run` for a few seconds, watched by
+# qmtstat.exe: its rows while the run polls, and the run's clean stop.
 set -uo pipefail
 src=$1 build=$2 qmtrm=$3
 here=$(cd "$(dirname "$0")" && pwd)
@@ -21,7 +22,7 @@ declare -A linux_only=(
   [np-control]="fault CreateMutexA, CreateEventA, _beginthreadex, ...: the worker's kernel objects"
 )
 
-bash "$src/scripts/win-build.sh" "$src" "$build" qmtrm qmtsdw_seam qmtlog qmtxml qmtshmcm qmtshmrm qmtutil ||
+bash "$src/scripts/win-build.sh" "$src" "$build" qmtrm qmtstat qmtsdw_seam qmtlog qmtxml qmtshmcm qmtshmrm qmtutil ||
   { echo "cross build failed"; exit 1; }
 # One wineserver for every run, so that the prefix starts once.
 mkdir -p "$WINEPREFIX" && wineserver -p
@@ -96,4 +97,31 @@ for script in "$src"/tests/host/scripts/*.qmt; do
   fi
 done
 echo "$compared script(s) compared, ${#linux_only[@]} Linux only"
+
+dir=$work/run && mkdir -p "$dir" && cp -r "$src/tests/host/conf" "$dir/conf"
+timeout -k 5 60 wine "$build/bin/qmtrm.exe" run --duration 6 --conf-dir "$(winpath "$dir/conf")" \
+  --sim "$(winpath "$dir/conf/sim.txt")" --log-dir "$(winpath "$dir/log")" --shm-name "qmtwinrun$$" --host node1 \
+  >"$dir/out" 2>&1 &
+run_pid=$!
+# The rows once every resource has had a pass (age and writer masked).
+want='sdw sdw1 0 Normal 4 MONEND - - Normal
+sdw sdw2 0 Normal 4 MONEND - - Normal
+sdw sdw3 watches nothing 0 - - - -'
+rows=
+for _ in $(seq 40); do
+  rows=$(timeout 20 wine "$build/bin/qmtstat.exe" --shm-name "qmtwinrun$$" 2>/dev/null | tr -d '\r' |
+         sed -n 's/ [0-9.]*s / /; s/ pid [0-9]* / /; /^sdw /p' | tr -s ' ')
+  [ "$rows" = "$want" ] && break
+  sleep 0.25
+done
+wait $run_pid
+rc=$?
+if [ "$rows" != "$want" ]; then
+  echo "qmtstat.exe did not show the run's rows:"; diff <(printf '%s\n' "$want") <(printf '%s\n' "$rows"); failed=1
+fi
+if [ $rc != 0 ] || ! grep -q ' UninitRscDll -> status 0 (Normal)' "$dir/out"; then
+  echo "qmtrm.exe run failed (exit $rc):"; tr -d '\r' <"$dir/out" | tail -n 20; failed=1
+else
+  echo "run: qmtstat.exe showed its rows; stopped cleanly after $(grep -c ' status ' "$dir/out") status lines"
+fi
 exit $failed
