@@ -5,11 +5,7 @@
 #include "qmtrm_engine.h"
 
 #include "qmtplat.h"
-
-#include <dirent.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <unistd.h>
+#include "qmtrm_platform.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -110,38 +106,19 @@ bool write_file(const std::string &path, const std::string &text)
     return static_cast<bool>(out);
 }
 
-// Removes every POSIX shared-memory object whose name carries this run's prefix.
 // A program installed beside this one, as a command to type: relative to the current folder when
 // it lies below it (build/bin/qmtstat), else the full path.
 std::string sibling_command(const std::string &program)
 {
+    std::filesystem::path path = platform::sibling_program(program);
     std::error_code ec;
-    std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
-    if (ec)
-        return program;
-    std::filesystem::path path = self.parent_path() / program;
     std::filesystem::path here = std::filesystem::current_path(ec);
-    if (!ec) {
+    if (!ec && path.is_absolute()) {
         std::filesystem::path relative = path.lexically_relative(here);
         if (!relative.empty() && *relative.begin() != "..")
             return relative.string();
     }
     return path.string();
-}
-
-void unlink_shm(const std::string &prefix)
-{
-    DIR *dir = opendir("/dev/shm");
-    if (dir == nullptr)
-        return;
-    std::vector<std::string> names;
-    while (dirent *entry = readdir(dir)) {
-        if (std::strstr(entry->d_name, prefix.c_str()) != nullptr)
-            names.push_back(entry->d_name);
-    }
-    closedir(dir);
-    for (auto &name : names)
-        shm_unlink(("/" + name).c_str());
 }
 
 // Follows the plug-in's log file and hands over every complete new line.
@@ -199,27 +176,24 @@ void sim(const std::string &statement)
 
 int demo_main(Service service, double duration_s, bool verbose, const std::string &plugin_option, bool keep)
 {
-    // Ctrl-C must still remove the folder and the shared memory: the stop signals are taken by
-    // the main loop (blocked before any thread exists, so every thread inherits the mask).
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-
-    // A fresh folder and a shared-memory prefix of this run only.
-    std::string base = std::getenv("TMPDIR") != nullptr && *std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp";
-    std::string pattern = base + "/qmtrm-demo-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (mkdtemp(buffer.data()) == nullptr) {
-        std::fprintf(stderr, "qmtrm: demo: cannot create a folder under %s: %s\n", base.c_str(), std::strerror(errno));
+    // Ctrl-C must still remove the folder and the shared memory: the stop requests are taken by
+    // the main loop.
+    std::string why;
+    if (!platform::open_stop_requests(&why)) {
+        std::fprintf(stderr, "qmtrm: demo: %s\n", why.c_str());
         return kExitInit;
     }
-    const std::string dir = buffer.data();
+    platform::catch_stop_requests();
+
+    // A fresh folder and a shared-memory prefix of this run only.
+    std::string dir;
+    if (!platform::make_temp_folder("qmtrm-demo", &dir, &why)) {
+        std::fprintf(stderr, "qmtrm: demo: %s\n", why.c_str());
+        return kExitInit;
+    }
     std::random_device random;
     char shm_prefix[64];
-    std::snprintf(shm_prefix, sizeof shm_prefix, "qmtdemo%ldx%08x", static_cast<long>(getpid()),
+    std::snprintf(shm_prefix, sizeof shm_prefix, "qmtdemo%ldx%08x", static_cast<long>(process_id().pid),
                   static_cast<unsigned>(random()));
     EnvOptions env;
     env.conf_dir = dir + "/conf";
@@ -230,7 +204,6 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
     env.plugin = plugin_option;
     std::error_code ec;
     std::filesystem::create_directories(env.conf_dir + "/policy", ec);
-    std::string why;
     bool written = !ec && write_file(env.conf_dir + "/clp.conf", service == Service::Sdw ? sdw_config() : disknp_config()) &&
                    write_file(env.conf_dir + "/policy/sdw.xml", kPolicySdw) &&
                    write_file(env.conf_dir + "/policy/rm.xml", kPolicyEmpty) &&
@@ -240,7 +213,7 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
     std::unique_ptr<Board> board;
     auto cleanup = [&] {
         board.reset();
-        unlink_shm(shm_prefix);
+        platform::remove_shared_memory(shm_prefix);
         if (!keep)
             std::filesystem::remove_all(dir, ec);
     };
@@ -249,7 +222,7 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
         cleanup();
         return kExitInit;
     }
-    setenv("QMT_STORAGE", "sim", 1);
+    platform::set_env("QMT_STORAGE", "sim");
 
     std::vector<ResourceConfig> resources;
     if (!read_resources(service, &resources, &why)) {
@@ -362,8 +335,7 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
         engine.step();
         board->publish(engine, service == Service::Disknp);
         read_log();
-        timespec tick{0, 50 * 1000 * 1000};
-        if (sigtimedwait(&stop_signals, nullptr, &tick) > 0) {
+        if (platform::wait_stop_request(50) > 0) {
             // Cut short: let any hung probe complete so the service is torn down cleanly.
             interrupted = true;
             reporter.line("", "interrupted: releasing every disk and stopping");
@@ -381,7 +353,7 @@ int demo_main(Service service, double duration_s, bool verbose, const std::strin
         reporter.line("", "passes still running at the end; leaving without teardown");
         std::fflush(nullptr);
         cleanup();
-        _exit(kExitStuck);
+        std::_Exit(kExitStuck);
     }
     if (engine.overdue_reports() > 0)
         seen.insert("overdue");

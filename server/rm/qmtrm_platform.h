@@ -58,4 +58,12 @@ std::string file_stamp(const std::string &path);
 // The processor time this process has had so far, in ms.
 long cpu_ms();
 
+// For the demo: a new folder of this run only under the system's temporary folder (TMPDIR, /tmp;
+// the user's temporary folder on Windows), false with *why; the full path of a program installed
+// beside this one ("qmtstat"); and the removal of the shared memories whose names carry `prefix`
+// (on Windows they end with their last handle).
+bool make_temp_folder(const std::string &stem, std::string *path, std::string *why);
+std::string sibling_program(const std::string &name);
+void remove_shared_memory(const std::string &prefix);
+
 } // namespace qmtrm::platform

@@ -5,10 +5,12 @@
 
 #include "qmtplat.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -18,6 +20,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 extern char **environ;
 
@@ -204,6 +207,45 @@ long cpu_ms()
     getrusage(RUSAGE_SELF, &usage);
     return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000L +
            (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000L;
+}
+
+bool make_temp_folder(const std::string &stem, std::string *path, std::string *why)
+{
+    const char *tmp = std::getenv("TMPDIR");
+    std::string base = tmp != nullptr && *tmp ? tmp : "/tmp";
+    std::string pattern = base + "/" + stem + "-XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    if (mkdtemp(buffer.data()) == nullptr) {
+        *why = "cannot create a folder under " + base + ": " + std::strerror(errno);
+        return false;
+    }
+    *path = buffer.data();
+    return true;
+}
+
+std::string sibling_program(const std::string &name)
+{
+    std::error_code ec;
+    std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (ec)
+        return name;
+    return (self.parent_path() / name).string();
+}
+
+void remove_shared_memory(const std::string &prefix)
+{
+    DIR *dir = opendir("/dev/shm");
+    if (dir == nullptr)
+        return;
+    std::vector<std::string> names;
+    while (dirent *entry = readdir(dir)) {
+        if (std::strstr(entry->d_name, prefix.c_str()) != nullptr)
+            names.push_back(entry->d_name);
+    }
+    closedir(dir);
+    for (auto &name : names)
+        shm_unlink(("/" + name).c_str());
 }
 
 } // namespace qmtrm::platform

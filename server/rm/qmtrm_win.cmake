@@ -21,6 +21,7 @@ add_executable(qmtrm
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_script_parse.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_run.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qmtrm_demo.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_engine.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_health.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board.cpp

@@ -235,6 +235,42 @@ long cpu_ms()
     return ms(kernel) + ms(user);
 }
 
+bool make_temp_folder(const std::string &stem, std::string *path, std::string *why)
+{
+    char base[MAX_PATH + 1] = {};
+    DWORD n = GetTempPathA(sizeof base, base);
+    if (n == 0 || n > MAX_PATH) {
+        *why = "no temporary folder (error " + std::to_string(GetLastError()) + ")";
+        return false;
+    }
+    for (unsigned attempt = 0; attempt < 100; ++attempt) {
+        char name[64];
+        std::snprintf(name, sizeof name, "%s-%08lx", stem.c_str(),
+                      static_cast<unsigned long>(GetTickCount() * 2654435761u + GetCurrentProcessId() + attempt));
+        std::string candidate = std::string(base) + name;
+        if (CreateDirectoryA(candidate.c_str(), nullptr)) {
+            *path = candidate;
+            return true;
+        }
+        if (GetLastError() != ERROR_ALREADY_EXISTS)
+            break;
+    }
+    *why = "cannot create a folder under " + std::string(base) + " (error " + std::to_string(GetLastError()) + ")";
+    return false;
+}
+
+std::string sibling_program(const std::string &name)
+{
+    char self[MAX_PATH] = {};
+    DWORD n = GetModuleFileNameA(nullptr, self, sizeof self);
+    std::string dir(self, n < sizeof self ? n : 0);
+    size_t slash = dir.find_last_of("\\/");
+    dir.erase(slash == std::string::npos ? 0 : slash + 1);
+    return dir + name + ".exe";
+}
+
+void remove_shared_memory(const std::string &) {}
+
 } // namespace qmtrm::platform
 
 namespace qmtrm {
@@ -253,12 +289,6 @@ void leave_now(int code)
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(code));
     for (;;)
         Sleep(INFINITE);
-}
-
-int demo_main(Service, double, bool, const std::string &, bool)
-{
-    std::fprintf(stderr, "qmtrm: demo is not available on this platform yet\n");
-    return kExitUsage;
 }
 
 } // namespace qmtrm

@@ -7,7 +7,8 @@
 # ticks, and the measured times of a pass (see masked()). On Windows, `expect-live` lines are left out: they
 # check the POSIX layer's own counters and call nothing. Exits 77 (skipped) where Wine is not
 # installed, unless QMT_REQUIRE_WINE=1. Then `qmtrm.exe run` for a few seconds, watched by
-# qmtstat.exe: its rows while the run polls, and the run's clean stop.
+# qmtstat.exe: its rows while the run polls, and the run's clean stop; and, beside all of it,
+# `qmtrm.exe demo`, which must see every step of its timeline.
 set -uo pipefail
 src=$1 build=$2 qmtrm=$3
 here=$(cd "$(dirname "$0")" && pwd)
@@ -27,6 +28,9 @@ bash "$src/scripts/win-build.sh" "$src" "$build" qmtrm qmtstat qmtsdw_seam qmtlo
 # One wineserver for every run, so that the prefix starts once.
 mkdir -p "$WINEPREFIX" && wineserver -p
 export QMT_STORAGE=sim
+# The demo mostly waits for its timeline: it runs beside the scripts.
+timeout -k 5 120 wine "$build/bin/qmtrm.exe" demo --duration 15 >"$work/demo.out" 2>&1 &
+demo_pid=$!
 
 # The plug-in's lines of a log file, masked, each thread's lines together in their order (threads
 # interleave as they are scheduled), the threads sorted by their first lines. A line whose
@@ -72,8 +76,9 @@ for script in "$src"/tests/host/scripts/*.qmt; do
   start=$(date +%s%N)
   # Side by side: many scripts mostly wait.
   run linux "$name" "$script" &
+  linux_pid=$!
   run wine "$name" "$script"
-  wait
+  wait $linux_pid
   ms=$(( ($(date +%s%N) - start) / 1000000 ))
   ok=1
   for side in linux wine; do
@@ -123,5 +128,12 @@ if [ $rc != 0 ] || ! grep -q ' UninitRscDll -> status 0 (Normal)' "$dir/out"; th
   echo "qmtrm.exe run failed (exit $rc):"; tr -d '\r' <"$dir/out" | tail -n 20; failed=1
 else
   echo "run: qmtstat.exe showed its rows; stopped cleanly after $(grep -c ' status ' "$dir/out") status lines"
+fi
+wait $demo_pid
+rc=$?
+if [ $rc != 0 ] || ! grep -q '^demo complete: .* every step was seen' <(tr -d '\r' <"$work/demo.out"); then
+  echo "qmtrm.exe demo failed (exit $rc):"; tr -d '\r' <"$work/demo.out" | tail -n 30; failed=1
+else
+  echo "demo: every step was seen"
 fi
 exit $failed
