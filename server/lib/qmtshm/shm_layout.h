@@ -116,6 +116,9 @@ struct Layout {
 // Checks a header against the layout and the bytes available; returns the capacity it describes
 // (0 for a segment without entries) or -1 when anything is off.
 long check_header(const void *mem, size_t available, const Layout &layout);
+// Writes the header of a new, zero-filled segment of `size` bytes and marks it ready last, so that
+// a reader never takes a half-made segment for a good one.
+void init_header(void *mem, size_t size, const Layout &layout);
 
 // One process's attachment to a segment: every attach shares one mapping, counted.
 struct Attachment {

@@ -129,17 +129,7 @@ static int create_new(const std::string &name, const Layout &layout, Mapping &ou
         shm_unlink(name.c_str());
         return QMTSHM_E_SYSTEM;
     }
-    auto *h = static_cast<Header *>(a);
-    h->state.store(kInit, std::memory_order_relaxed);
-    h->magic = layout.magic;
-    h->version = kVersion;
-    h->header_size = layout.header_size;
-    h->size = size;
-    h->entry_size = layout.entry_size;
-    h->capacity = layout.entry_size ? layout.create_capacity : 0;
-    if (layout.setup)
-        layout.setup(a);
-    h->state.store(kReady, std::memory_order_release);
+    init_header(a, size, layout);
     out.addr = a;
     out.size = size;
     return 0;

@@ -26,6 +26,21 @@ long check_header(const void *mem, size_t available, const Layout &layout)
     return static_cast<long>(capacity);
 }
 
+void init_header(void *mem, size_t size, const Layout &layout)
+{
+    auto *h = static_cast<Header *>(mem);
+    h->state.store(kInit, std::memory_order_relaxed);
+    h->magic = layout.magic;
+    h->version = kVersion;
+    h->header_size = layout.header_size;
+    h->size = size;
+    h->entry_size = layout.entry_size;
+    h->capacity = layout.entry_size ? layout.create_capacity : 0;
+    if (layout.setup)
+        layout.setup(mem);
+    h->state.store(kReady, std::memory_order_release);
+}
+
 int attach_locked(Attachment &a, const char *suffix, const Layout &layout)
 {
     if (a.refs == 0) {
