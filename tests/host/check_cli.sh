@@ -7,8 +7,8 @@ otherlib=$2
 qmtstat=$3
 test_sh=$4
 here=$(cd "$(dirname "$0")" && pwd)
-work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-cli-XXXXXX")
-trap 'rm -rf "$work"' EXIT
+. "$(dirname "$0")/scratch.sh" cli
+trap 'rm -rf "$work"; rm -f /dev/shm/*"$shm"*' EXIT
 fail=0
 prefix=()  # what runs the program under test
 # expect STATUS TEXT-IN-OUTPUT -- ARGS...
@@ -48,7 +48,7 @@ expect 3 "$work/none.so" -- script --plugin "$work/none.so" "$work/expect.qmt"
 expect 3 "export InitRscDll not found" -- script --plugin "$otherlib" "$work/expect.qmt"
 expect 3 "$work/none.so" -- run --plugin "$work/none.so" --conf-dir "$here/conf"
 QMT_PLUGIN="$work/env.so" expect 3 "$work/env.so" -- script "$work/expect.qmt"
-export QMT_LOG_DIR="$work/log" QMT_CONF_DIR="$here/conf" QMT_SHM_NAME="qmtrmcli$$"
+export QMT_LOG_DIR="$work/log" QMT_CONF_DIR="$here/conf" QMT_SHM_NAME="$shm"
 expect 2 "line 3: unknown call: frobnicate" -- script "$work/syntax.qmt"
 expect 2 "line 1: DoMontr takes 2 argument(s)" -- script "$work/arity.qmt"
 expect 2 "line 1: expect without a result" -- script "$work/noresult.qmt"
@@ -71,16 +71,16 @@ for r in 0 -1 1001 1073741824 99999999999; do expect 2 "--set-ratio" -- --set-ra
 for args in "-n 2" "-w 0" "--set-ratio 2 -w 1"; do expect 2 "" -- $args; done
 expect 0 "qmtstat: the time-out ratio" -- --help
 expect 0 "ratio: 1000" -- --set-ratio 1000
-expect 0 "shared memory /qmtrmcli$$, ratio 1000" --
+expect 0 "shared memory /$shm, ratio 1000" --
 # Watching stops after the count of tables asked for, each under its time stamp.
 expect 0 "" -- -w 1 -n 2
 [ "$(grep -Ec '^--- [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}$' "$work/out")" = 2 ] &&
-  [ "$(grep -c "^shared memory /qmtrmcli$$, ratio 1000$" "$work/out")" = 2 ] ||
+  [ "$(grep -c "^shared memory /$shm, ratio 1000$" "$work/out")" = 2 ] ||
   { echo "FAIL: qmtstat -w 1 -n 2 did not show two tables"; cat "$work/out"; fail=1; }
 # A corrupt board: qmtstat says so and exits 3, still listing what the cluster segment holds.
-printf 'not a board' >"/dev/shm/qmtrmcli$$_host_sdw"
-expect 3 "corrupt: /qmtrmcli$$_host_sdw: not a host status board" --
-for f in /dev/shm/*qmtrmcli$$*; do [ -e "$f" ] && rm -f "$f"; done
+printf 'not a board' >"/dev/shm/${shm}_host_sdw"
+expect 3 "corrupt: /${shm}_host_sdw: not a host status board" --
+rm -f /dev/shm/*"$shm"*
 # The test script refuses what it does not know, at once, instead of running the suite.
 prefix=(timeout 20 bash); qmtrm=$test_sh
 expect 2 "unknown arguments: --frobnicate" -- --frobnicate

@@ -7,15 +7,16 @@ set -u
 qmtrm=$1
 mode=${2:-sim}
 here=$(cd "$(dirname "$0")" && pwd)
-work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-check-XXXXXX")
+. "$(dirname "$0")/scratch.sh" check
 loops=()
 cleanup() {
   for l in "${loops[@]}"; do losetup -d "$l" 2>/dev/null; done
   rm -rf "$work"
+  rm -f /dev/shm/*"$shm"*
 }
 trap cleanup EXIT
 trap 'exit 1' INT TERM
-export QMT_STORAGE=sim QMT_HOSTNAME=node1 QMT_LOG_DIR="$work/log" QMT_SHM_NAME="qmtcheck$$x$RANDOM"
+export QMT_STORAGE=sim QMT_HOSTNAME=node1 QMT_LOG_DIR="$work/log" QMT_SHM_NAME="$shm"
 fail=0
 long=abcdefghijabcdefghijabcdefghij1  # 31 characters
 

@@ -13,8 +13,7 @@ qmtrm=$1
 stallfs=$2
 mode=$3
 here=$(cd "$(dirname "$0")" && pwd)
-work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-int-XXXXXX")
-shm="qmtint$$x$RANDOM"
+. "$(dirname "$0")/scratch.sh" int
 pid= loop= fs=
 cleanup() {
   rm -f "$work/hold"

@@ -17,12 +17,12 @@ qmtrm=$1
 qmtstat=$2
 mode=$3
 here=$(cd "$(dirname "$0")" && pwd)
-work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-life-XXXXXX")
-shm="qmtlife$$x$RANDOM"
+. "$(dirname "$0")/scratch.sh" life
 host=node1
 pids=()
 cleanup() {
-  for p in "${pids[@]}"; do kill -KILL "$p" 2>/dev/null; done
+  # The monitor process of each run first: it would otherwise stop cleanly into the removed folder.
+  for p in "${pids[@]}"; do pkill -KILL -P "$p"; kill -KILL "$p"; done 2>/dev/null
   rm -rf "$work"
   for f in /dev/shm/*"$shm"*; do [ -e "$f" ] && rm -f "$f"; done
 }
@@ -101,7 +101,7 @@ initfail)
   check "$work/out" "key=/root/monitor/sdw/type)"
   ;;
 default)
-  host="n$$x$RANDOM"; shm="qmt-$(id -u)-$host"
+  host="nq$$x$RANDOM"; shm="qmt-$(id -u)-$host"
   sed -i "s/\"node1\"/\"$host\"/g" "$work/conf/clp.conf"
   sed -i 's#<sdw name="sdw3">#<sdw name="sdw2"><polling><interval>1</interval><timeout>2</timeout></polling><parameters><object>sd2</object></parameters></sdw>&#' \
     "$work/conf/clp.conf"

@@ -6,8 +6,7 @@
 set -u
 qmtrm=$1
 cd "$2" || exit 1
-work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-readme-XXXXXX")
-shm="qmtreadme$$x$RANDOM"
+. "$(dirname "$0")/scratch.sh" readme
 trap 'rm -rf "$work"; rm -f /dev/shm/*"$shm"*' EXIT
 fail=0
 check_line=$(grep -m1 '^build/bin/qmtrm check --conf-dir etc' README.md)

@@ -8,8 +8,7 @@ set -u
 qmtrm=$1
 mode=$2
 here=$(cd "$(dirname "$0")" && pwd)
-work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-run-XXXXXX")
-shm="qmtrmrun$$x$RANDOM"
+. "$(dirname "$0")/scratch.sh" run
 pid=""
 cleanup() {
   [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null

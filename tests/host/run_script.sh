@@ -7,8 +7,7 @@ qmtrm=$1
 script=$2
 conf=${3:-$(cd "$(dirname "$0")" && pwd)/conf}
 shift $(($# < 3 ? $# : 3))
-work=$(mktemp -d "${TMPDIR:-/tmp}/qmtrm-test-XXXXXX")
-shm="qmtrmtest$$x$RANDOM"
+. "$(dirname "$0")/scratch.sh" test
 cleanup() {
   rm -rf "$work"
   for f in /dev/shm/*"$shm"*; do [ -e "$f" ] && rm -f "$f"; done

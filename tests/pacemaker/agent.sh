@@ -20,6 +20,7 @@ export HA_RSCTMP=$work/run
 cleanup() {
   OCF_RESOURCE_INSTANCE=$instance "$agent" stop >/dev/null 2>&1
   rm -rf "$work"
+  rm -f /dev/shm/*"$instance"*  # the segments outlive the monitor, for readers
 }
 trap cleanup EXIT
 trap 'echo "FAIL: interrupted"; exit 1' INT TERM
