@@ -30,13 +30,10 @@ add_executable(qmtrm
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm.rc
   ${PROJECT_SOURCE_DIR}/server/lib/qmtxml/keypath.cpp
   ${shm}/qmtshmcm.cpp ${shm}/qmtshmrm.cpp ${shm}/shm_segment.cpp ${shm}/shm_win.cpp)
-target_include_directories(qmtrm PRIVATE
-  ${CMAKE_CURRENT_LIST_DIR}
-  ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include
-  ${PROJECT_SOURCE_DIR}/server/platform/include
-  ${shm}
-  ${PROJECT_SOURCE_DIR}/server/lib/qmtxml
-  ${PROJECT_SOURCE_DIR}/server/lib/common)
+# The headers both programs compile against.
+set(qmtrm_win_headers ${CMAKE_CURRENT_LIST_DIR} ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include
+    ${PROJECT_SOURCE_DIR}/server/platform/include ${shm} ${PROJECT_SOURCE_DIR}/server/lib/common)
+target_include_directories(qmtrm PRIVATE ${qmtrm_win_headers} ${PROJECT_SOURCE_DIR}/server/lib/qmtxml)
 target_include_directories(qmtrm SYSTEM PRIVATE ${qmtrm_host_headers})
 set(QMTRM_BUILD_NUMBER 1 CACHE STRING "Fourth part of qmtrm's version")
 target_compile_definitions(qmtrm PRIVATE QMTSHM_BUILDING
@@ -56,12 +53,7 @@ add_executable(qmtstat
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_board_win.cpp
   ${CMAKE_CURRENT_LIST_DIR}/qmtrm_win.cpp
   ${shm}/qmtshmcm.cpp ${shm}/qmtshmrm.cpp ${shm}/shm_segment.cpp ${shm}/shm_win.cpp)
-target_include_directories(qmtstat PRIVATE
-  ${CMAKE_CURRENT_LIST_DIR}
-  ${PROJECT_SOURCE_DIR}/server/monitor/sdw/include
-  ${PROJECT_SOURCE_DIR}/server/platform/include
-  ${shm}
-  ${PROJECT_SOURCE_DIR}/server/lib/common)
+target_include_directories(qmtstat PRIVATE ${qmtrm_win_headers})
 target_include_directories(qmtstat SYSTEM PRIVATE ${qmtrm_host_headers})
 target_compile_definitions(qmtstat PRIVATE QMTSHM_BUILDING QMTSTAT_VERSION="${PROJECT_VERSION}")
 target_compile_options(qmtstat PRIVATE -Wno-restrict)
